@@ -1,0 +1,87 @@
+#include "ftp/ftp_client.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "ftp/request_url.h"
+#include "ftp/retry.h"
+#include "util/torvane_util_exception.h"
+
+FtpClient::FtpClient(FtpSettings settings) : settings_(std::move(settings)) {
+  reset_handle();
+}
+
+FtpClient::FtpClient(FtpClient&& other) noexcept
+    : settings_(std::move(other.settings_)), handle_(std::move(other.handle_)) {
+  std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
+            std::begin(error_buffer_));
+  if (handle_) curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, error_buffer_);
+}
+
+FtpClient& FtpClient::operator=(FtpClient&& other) noexcept {
+  if (this != &other) {
+    settings_ = std::move(other.settings_);
+    handle_ = std::move(other.handle_);
+    std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
+              std::begin(error_buffer_));
+    if (handle_)
+      curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, error_buffer_);
+  }
+  return *this;
+}
+
+void FtpClient::check_setup(CURLcode code) {
+  if (code == CURLE_OK) return;
+  throw torvane::TorvaneUtilException(
+      "Unable to setup curl: [" + std::to_string(static_cast<int>(code)) +
+      "] " + curl_easy_strerror(code));
+}
+
+void FtpClient::reset_handle() {
+  if (handle_)
+    curl_easy_reset(handle_.get());
+  else
+    handle_.reset(curl_easy_init());
+  if (!handle_) throw torvane::TorvaneUtilException("Unable to get curl handle");
+
+  set_option(CURLOPT_ERRORBUFFER, error_buffer_);
+  set_option(CURLOPT_USERNAME, settings_.login.c_str());
+  set_option(CURLOPT_PASSWORD, settings_.password.c_str());
+  // A null address keeps the library's passive mode; "-" selects active mode
+  // on the address of the interface that carries the control connection.
+  set_option(CURLOPT_FTPPORT, settings_.passive_mode ? nullptr : "-");
+}
+
+void FtpClient::perform(const std::filesystem::path& remote_path) {
+  const std::string url = request_url(handle_.get(), settings_.host,
+                                      settings_.port, remote_path);
+  set_option(CURLOPT_URL, url.c_str());
+
+  error_buffer_[0] = '\0';
+  const CURLcode result = retry_transfer(curl_easy_perform(handle_.get()));
+  reset_handle();
+  if (result != CURLE_OK) {
+    throw torvane::TorvaneUtilException("Unable to perform request for '" +
+                                        url + "': " + error_buffer_);
+  }
+}
+
+// Repeats a failed transfer while retries remain and the failure is
+// transient; returns the result of the last attempt.
+CURLcode FtpClient::retry_transfer(CURLcode result) {
+  for (std::uint64_t retries_made = 0; result != CURLE_OK; ++retries_made) {
+    if (retries_made >= settings_.retries) break;
+    if (!is_transient_code(result)) {
+      long response_code = 0;
+      curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &response_code);
+      if (!is_transient_reply(response_code)) break;
+    }
+    const std::uint64_t wait = retry_wait(settings_.retry_delay_step,
+                                          settings_.retry_delay, retries_made);
+    if (wait != 0) sleep(static_cast<unsigned>(wait));
+    result = curl_easy_perform(handle_.get());
+  }
+  return result;
+}

@@ -1,0 +1,133 @@
+#include "ftp/ftp_client.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "util/torvane_util_exception.h"
+
+namespace {
+
+using ::testing::MatchesRegex;
+using ::testing::StartsWith;
+
+// A loopback port that refuses connections: bound, never listening, and kept
+// bound for the lifetime of the object so nobody else takes it.
+class RefusingPort {
+ public:
+  RefusingPort() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+  }
+  ~RefusingPort() { close(fd_); }
+  std::uint16_t port() const { return port_; }
+
+ private:
+  int fd_;
+  std::uint16_t port_ = 0;
+};
+
+FtpSettings settings_for(std::uint16_t port) {
+  FtpSettings settings;
+  settings.host = "127.0.0.1";
+  settings.port = port;
+  return settings;
+}
+
+std::string failure_of(FtpClient& client, const std::string& path) {
+  try {
+    client.perform(path);
+  } catch (const torvane::TorvaneUtilException& error) {
+    return error.what();
+  }
+  return "no exception";
+}
+
+TEST(FtpSettings, StartWithTheDocumentedValues) {
+  const FtpSettings settings;
+  EXPECT_EQ(settings.host, "");
+  EXPECT_EQ(settings.port, 21);
+  EXPECT_EQ(settings.login, "");
+  EXPECT_EQ(settings.password, "");
+  EXPECT_TRUE(settings.passive_mode);
+  EXPECT_EQ(settings.retries, 0u);
+  EXPECT_EQ(settings.retry_delay, 0u);
+  EXPECT_EQ(settings.retry_delay_step, 1u);
+}
+
+TEST(FtpClient, KeepsTheSettingsItWasBuiltFrom) {
+  FtpSettings settings = settings_for(2121);
+  settings.login = "user";
+  settings.passive_mode = false;
+  const FtpClient client(settings);
+  EXPECT_EQ(client.settings().port, 2121);
+  EXPECT_EQ(client.settings().login, "user");
+  EXPECT_FALSE(client.settings().passive_mode);
+}
+
+TEST(FtpClient, RefusedOptionNamesTheCodeAndTheLibraryText) {
+  FtpClient client(settings_for(21));
+  try {
+    client.set_option(static_cast<CURLoption>(9999), 1L);
+    FAIL() << "no exception";
+  } catch (const torvane::TorvaneUtilException& error) {
+    EXPECT_STREQ(error.what(),
+                 "Unable to setup curl: [48] An unknown option was passed in "
+                 "to libcurl");
+  }
+}
+
+TEST(FtpClient, FailedRequestNamesTheUrlAndTheLibraryErrorText) {
+  RefusingPort refusing;
+  FtpClient client(settings_for(refusing.port()));
+  const std::string port = std::to_string(refusing.port());
+  EXPECT_THAT(failure_of(client, "/my dir/f#1"),
+              MatchesRegex("Unable to perform request for 'ftp://127\\.0\\.0\\.1:" +
+                           port + "/my%20dir/f%231': Failed to connect to "
+                           "127\\.0\\.0\\.1 port " + port +
+                           " after [0-9]+ ms: Couldn't connect to server"));
+}
+
+TEST(FtpClient, StaysUsableAfterAFailedRequest) {
+  RefusingPort refusing;
+  FtpClient client(settings_for(refusing.port()));
+  const std::string first = failure_of(client, "/a");
+  const std::string second = failure_of(client, "/b");
+  EXPECT_THAT(first, StartsWith("Unable to perform request for 'ftp://127.0.0.1:" +
+                                std::to_string(refusing.port()) + "/a': Failed"));
+  EXPECT_THAT(second, StartsWith("Unable to perform request for 'ftp://127.0.0.1:" +
+                                 std::to_string(refusing.port()) + "/b': Failed"));
+}
+
+TEST(FtpClient, RetriesWithoutWaitingWhenTheDelayIsZero) {
+  RefusingPort refusing;
+  FtpSettings settings = settings_for(refusing.port());
+  settings.retries = 3;
+  settings.retry_delay_step = 0;
+  FtpClient client(settings);
+  EXPECT_THAT(failure_of(client, "/x"),
+              StartsWith("Unable to perform request for 'ftp://127.0.0.1:"));
+}
+
+TEST(FtpClient, AMovedClientReportsIntoItsOwnErrorBuffer) {
+  RefusingPort refusing;
+  FtpClient original(settings_for(refusing.port()));
+  FtpClient moved(std::move(original));
+  EXPECT_THAT(failure_of(moved, "/x"), MatchesRegex(".*': Failed to connect .*"));
+
+  FtpClient assigned(settings_for(1));
+  assigned = std::move(moved);
+  EXPECT_THAT(failure_of(assigned, "/y"),
+              MatchesRegex(".*/y': Failed to connect .*"));
+}
+
+}  // namespace
