@@ -1,0 +1,65 @@
+#include "listing/remote_entry.h"
+
+#include <boost/regex.hpp>
+
+#include "util/torvane_util_exception.h"
+
+namespace {
+
+constexpr const char* kPattern =
+    R"(^((?<type>[-bcCdDlMnpPs?])(?<permission>[-r][-w][-xsS][-r][-w][-xsS][-r][-w][-xsStT])\s+(?<filecode>\d+)\s+(?<owner>\S+)\s+(?<group>\S+)\s+(?<size>\d+)\s+(?<date>(\w{3}\s+\d{1,2}\s+\d{1,2}:\d{2})|(\w{3}\s+\d{1,2}\s+\d{4}))\s+(?<name>.+))|((?<date>\d{1,4}[\.-]\d{2}[\.-]\d{1,4}\s+\d{1,2}:\d{2}([AP]M)?)\s+((?<type>[^0-9\s]+)|(?<size>\d+))\s+(?<name>.+))$)";
+
+// Capture names in the order of RemoteEntry::Field.
+constexpr const char* kFieldNames[] = {"type",  "permission", "filecode",
+                                       "owner", "group",      "size",
+                                       "date",  "name"};
+
+// Compiled on first use and kept for the rest of the run.
+const boost::regex& list_line_pattern() {
+  static const boost::regex pattern(kPattern);
+  return pattern;
+}
+
+}  // namespace
+
+const char* RemoteEntry::pattern_text() { return kPattern; }
+
+RemoteEntry::RemoteEntry(std::string line) : line_(std::move(line)) {
+  boost::smatch match;
+  if (!boost::regex_match(line_, match, list_line_pattern())) {
+    throw torvane::TorvaneUtilException("Unable to parse FTP LIST output '" +
+                                        line_ + "'");
+  }
+  // A name used in both branches reads as its leftmost group that matched,
+  // which is what the library returns for a repeated name.
+  for (std::size_t i = 0; i < kFieldCount; ++i) {
+    const auto& sub = match[kFieldNames[i]];
+    if (!sub.matched) continue;
+    fields_[i].offset = static_cast<std::size_t>(sub.first - line_.begin());
+    fields_[i].length = static_cast<std::size_t>(sub.length());
+    fields_[i].matched = true;
+  }
+}
+
+RemoteEntry::Capture RemoteEntry::capture(Field field) const {
+  const Range& range = fields_[static_cast<std::size_t>(field)];
+  if (!range.matched) return {};
+  return {std::string_view(line_).substr(range.offset, range.length), true};
+}
+
+bool RemoteEntry::is_directory() const {
+  const Capture type = capture(Field::type);
+  return type == "d" || type == "<DIR>";
+}
+
+std::string RemoteEntry::entry_name(bool want_target) const {
+  const std::string_view name = capture(Field::name).text;
+  if (capture(Field::type) == "l") {
+    const auto arrow = name.find(" -> ");
+    if (!want_target) return std::string(name.substr(0, arrow));
+    // Without an arrow, npos + 4 wraps to 3: the name from its fourth
+    // character on, out of range for a name shorter than three characters.
+    return std::string(name.substr(arrow + 4));
+  }
+  return std::string(name);
+}

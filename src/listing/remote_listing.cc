@@ -1,0 +1,47 @@
+#include "listing/remote_listing.h"
+
+#include <sstream>
+#include <string>
+
+#include "util/torvane_util_exception.h"
+
+std::size_t write_to_stream(char* data, std::size_t size, std::size_t count,
+                            void* stream) {
+  const std::size_t bytes = size * count;
+  static_cast<std::ostream*>(stream)->write(data,
+                                            static_cast<std::streamsize>(bytes));
+  return bytes;
+}
+
+void request_listing(FtpClient& client, const std::filesystem::path& path,
+                     bool long_format, std::ostream& sink) {
+  client.set_option(CURLOPT_DIRLISTONLY, 1L);
+  client.set_option(CURLOPT_WRITEFUNCTION, &write_to_stream);
+  client.set_option(CURLOPT_WRITEDATA, static_cast<void*>(&sink));
+  // The custom command wins over the NLST that list-only would choose.
+  client.set_option(CURLOPT_CUSTOMREQUEST, long_format ? "LIST" : "NLST");
+  client.perform(path);
+}
+
+RemoteListing list_directory(FtpClient& client,
+                             const std::filesystem::path& dir_path) {
+  RemoteListing listing;
+  std::stringstream buffer;
+  // Listing "dir/." makes the request enter "dir" before sending LIST.
+  request_listing(client, dir_path.filename() == "." ? dir_path : dir_path / ".",
+                  true, buffer);
+  for (std::string line; std::getline(buffer, line);)
+    listing.emplace_back(std::move(line));
+  return listing;
+}
+
+RemoteEntry find_remote_entry(FtpClient& client,
+                              const std::filesystem::path& path) {
+  const std::filesystem::path wanted = path.filename();
+  const RemoteListing listing = list_directory(client, path.parent_path());
+  for (const RemoteEntry& entry : listing) {
+    if (std::filesystem::path(entry.entry_name(false)) == wanted) return entry;
+  }
+  throw torvane::TorvaneUtilException("Unable to find remote path '" +
+                                      path.native() + "'");
+}
