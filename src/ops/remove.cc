@@ -1,0 +1,69 @@
+#include "ops/remove.h"
+
+#include <string>
+
+#include "ftp/path.h"
+#include "listing/remote_listing.h"
+#include "ops/child_name.h"
+#include "util/torvane_util_exception.h"
+
+namespace fs = std::filesystem;
+using torvane::TorvaneUtilException;
+
+void remove_command(const FtpSettings& settings, const fs::path& remote_path,
+                    bool recursive) {
+  const fs::path remote = normalize_path(remote_path);
+  FtpClient client(settings);
+  const RemoteEntry entry = find_remote_entry(client, remote);
+  if (!recursive && entry.is_directory()) {
+    throw TorvaneUtilException("Unable to remove remote directory '" +
+                               remote.native() +
+                               "': recursive operation isn't allowed");
+  }
+
+  CommandList commands;
+  commands.append("NOOP");
+  collect_removals(client, remote.parent_path(), entry, commands);
+
+  client.set_option(CURLOPT_WRITEFUNCTION, &discard_body);
+  client.set_option(CURLOPT_QUOTE, commands.get());
+  // The library sends these commands on a reused connection before it
+  // returns to the login directory, that is in the directory that the last
+  // listing entered. Relative paths must be resolved against the login
+  // directory, so for them the request logs in afresh.
+  if (!remote.has_root_directory()) client.set_option(CURLOPT_FRESH_CONNECT, 1L);
+  // The empty path addresses the server's base URL: the commands run before
+  // any change of directory, and the listing that follows them is dropped.
+  client.perform(fs::path());
+}
+
+void collect_removals(FtpClient& client, const fs::path& remote_dir,
+                      const RemoteEntry& entry, CommandList& commands) {
+  const fs::path full_path = remote_dir / entry.entry_name(false);
+  if (!entry.is_directory()) {
+    // Links, too, are deleted as themselves; their targets are never touched.
+    commands.append("DELE " + full_path.native());
+    return;
+  }
+  const RemoteListing listing = list_directory(client, full_path);
+  for (const RemoteEntry& child : listing) {
+    const std::string name = child.entry_name(false);
+    switch (classify_child_name(name)) {
+      case ChildName::self_or_parent:
+        continue;
+      case ChildName::unsafe:
+        throw TorvaneUtilException("Unable to remove remote path '" +
+                                   (full_path / name).native() +
+                                   "': unsafe file name");
+      case ChildName::ordinary:
+        collect_removals(client, full_path, child, commands);
+        break;
+    }
+  }
+  commands.append("RMD " + full_path.native());
+}
+
+std::size_t discard_body(char* /*data*/, std::size_t size, std::size_t count,
+                         void* /*user*/) {
+  return size * count;
+}

@@ -1,0 +1,33 @@
+// The "remove" command: one remote file or link or, recursively, a remote
+// tree, deleted by one request.
+//
+// The tree is first walked with listings only, collecting "DELE <path>" for
+// every non-directory and "RMD <path>" for every directory, children before
+// their directory, behind a leading "NOOP". The whole list is then sent as
+// the pre-transfer commands of a single request, so a failure while walking
+// deletes nothing.
+
+#ifndef BRINDLE_OPS_REMOVE_H_
+#define BRINDLE_OPS_REMOVE_H_
+
+#include <cstddef>
+#include <filesystem>
+
+#include "ftp/command_list.h"
+#include "ftp/ftp_client.h"
+#include "ftp/ftp_settings.h"
+#include "listing/remote_entry.h"
+
+void remove_command(const FtpSettings& settings,
+                    const std::filesystem::path& remote_path, bool recursive);
+
+// Appends the commands that delete `entry`, listed in `remote_dir`, in
+// depth-first post-order.
+void collect_removals(FtpClient& client, const std::filesystem::path& remote_dir,
+                      const RemoteEntry& entry, CommandList& commands);
+
+// Write callback that drops the body of the request.
+std::size_t discard_body(char* data, std::size_t size, std::size_t count,
+                         void* user);
+
+#endif  // BRINDLE_OPS_REMOVE_H_

@@ -1,0 +1,108 @@
+#include "ops/upload.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <system_error>
+
+#include "ftp/path.h"
+#include "ops/skip_line.h"
+#include "util/torvane_util_exception.h"
+
+namespace fs = std::filesystem;
+using torvane::TorvaneUtilException;
+
+namespace {
+
+void upload_link(FtpClient& client, const fs::path& local_path,
+                 const fs::path& remote_path) {
+  std::error_code error;
+  const fs::path target = fs::canonical(local_path, error);
+  if (error) {
+    print_skip_line(local_path,
+                    "unable to resolve symbolic link, " + error.message());
+    return;
+  }
+  // The target's content is sent under the link's remote name.
+  upload_path(client, target, remote_path, true);
+}
+
+void upload_directory(FtpClient& client, const fs::path& local_path,
+                      const fs::path& remote_path, bool follow_symlinks) {
+  std::error_code error;
+  fs::directory_iterator entry(local_path, error);
+  if (error) {
+    throw TorvaneUtilException("Unable to process '" + local_path.native() +
+                               "': " + error.message());
+  }
+  for (; entry != fs::directory_iterator();) {
+    const fs::path child = entry->path();
+    upload_path(client, child, remote_path / child.filename(), follow_symlinks);
+    entry.increment(error);
+    if (error) {
+      throw TorvaneUtilException("Unable to process '" + child.native() +
+                                 "': " + error.message());
+    }
+  }
+}
+
+void upload_file(FtpClient& client, const fs::path& local_path,
+                 const fs::path& remote_path) {
+  std::ifstream file(local_path, std::ios::binary);
+  if (!file.is_open()) {
+    throw TorvaneUtilException("Unable to open '" + local_path.native() +
+                               "' for reading: " + std::strerror(errno));
+  }
+  std::istream& source = file;
+  client.set_option(CURLOPT_UPLOAD, 1L);
+  client.set_option(CURLOPT_FTP_CREATE_MISSING_DIRS, 1L);
+  client.set_option(CURLOPT_READFUNCTION, &read_from_stream);
+  client.set_option(CURLOPT_READDATA, static_cast<void*>(&source));
+  client.perform(remote_path);
+}
+
+}  // namespace
+
+void upload_command(const FtpSettings& settings, const fs::path& local_path,
+                    const fs::path& remote_path, bool recursive,
+                    bool follow_symlinks) {
+  const fs::path local = normalize_path(local_path);
+  fs::path remote = normalize_path(remote_path);
+  if (is_dot(remote_path) || is_dot_dot(remote_path)) remote /= local.filename();
+
+  FtpClient client(settings);
+  // The throwing status queries: only "not found" becomes this program's own
+  // message; any other error escapes as the library's file system error.
+  const fs::file_type type = fs::status(local).type();
+  if (type == fs::file_type::not_found || type == fs::file_type::none) {
+    throw TorvaneUtilException("Unable to upload '" + local.native() +
+                               "': file not found");
+  }
+  if (!recursive && fs::is_directory(fs::status(local))) {
+    throw TorvaneUtilException("Unable to upload remote directory '" +
+                               local.native() +
+                               "': recursive operation isn't allowed");
+  }
+  upload_path(client, local, remote, follow_symlinks);
+}
+
+void upload_path(FtpClient& client, const fs::path& local_path,
+                 const fs::path& remote_path, bool follow_symlinks) {
+  if (fs::is_symlink(fs::symlink_status(local_path))) {
+    if (follow_symlinks)
+      upload_link(client, local_path, remote_path);
+    else
+      print_skip_line(local_path, "symbolic links aren't allowed");
+  } else if (fs::is_directory(fs::status(local_path))) {
+    upload_directory(client, local_path, remote_path, follow_symlinks);
+  } else {
+    upload_file(client, local_path, remote_path);
+  }
+}
+
+std::size_t read_from_stream(char* buffer, std::size_t size, std::size_t count,
+                             void* stream) {
+  auto* source = static_cast<std::istream*>(stream);
+  source->read(buffer, static_cast<std::streamsize>(size * count));
+  return static_cast<std::size_t>(source->gcount());
+}

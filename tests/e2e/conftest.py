@@ -1,0 +1,146 @@
+"""pytest fixtures for brindle's end-to-end tests.
+
+  brindle        runs the binary (--brindle PATH or $BRINDLE)
+  scripted       a scriptable pyftpdlib server (servers/scripted_ftpd.py)
+  scripted_factory  starts more scripted servers, e.g. with other logins
+  vsftpd         a real vsftpd, logging in a throwaway local account
+  local_account  that throwaway account (session-wide; needs root)
+  any_server     each of scripted/vsftpd in passive and active mode
+"""
+
+import atexit
+import os
+import signal
+import sys
+
+import pytest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+
+import ftptest  # noqa: E402
+
+# Why the vsftpd tests were skipped, told once at the end of the run.
+_skip_reasons = set()
+# Accounts still to remove if the run ends without its normal teardown.
+_live_accounts = []
+
+
+def pytest_addoption(parser):
+    parser.addoption("--brindle", action="store", default=None,
+                     metavar="PATH",
+                     help="brindle binary to test (default: $BRINDLE)")
+
+
+def pytest_configure(config):
+    # A plain SIGTERM would end pytest without teardown and leave the test
+    # account and servers behind; turn it into an interrupt instead.
+    if signal.getsignal(signal.SIGTERM) == signal.SIG_DFL:
+        def interrupt(signum, frame):
+            raise KeyboardInterrupt("SIGTERM")
+        signal.signal(signal.SIGTERM, interrupt)
+
+
+def pytest_terminal_summary(terminalreporter):
+    for reason in sorted(_skip_reasons):
+        terminalreporter.write_line("e2e: skipped: " + reason)
+
+
+def _skip(reason):
+    _skip_reasons.add(reason)
+    pytest.skip(reason)
+
+
+@pytest.fixture
+def brindle(request):
+    path = ftptest.find_brindle(request.config.getoption("--brindle"))
+    if path is None:
+        pytest.skip("no brindle binary: pass --brindle PATH or set BRINDLE")
+    if not os.access(str(path), os.X_OK):
+        pytest.fail("brindle binary %s is not executable" % path)
+    workdir = ftptest.make_temp_dir("work")
+    try:
+        yield ftptest.Brindle(path, workdir)
+    finally:
+        ftptest.remove_tree(workdir)
+
+
+# ------------------------------------------------------------ scripted
+
+@pytest.fixture
+def scripted():
+    server = ftptest.ScriptedServer().start()
+    try:
+        yield server
+    finally:
+        server.stop()
+
+
+@pytest.fixture
+def scripted_factory():
+    """Call with user=/password= to start another scripted server; all
+    of them are stopped after the test."""
+    started = []
+
+    def start(**kwargs):
+        server = ftptest.ScriptedServer(**kwargs).start()
+        started.append(server)
+        return server
+
+    try:
+        yield start
+    finally:
+        for server in started:
+            server.stop()
+
+
+# -------------------------------------------------------------- vsftpd
+
+def _remove_leftover_accounts():
+    while _live_accounts:
+        _live_accounts.pop().remove()
+
+
+atexit.register(_remove_leftover_accounts)
+
+
+@pytest.fixture(scope="session")
+def local_account():
+    """An unprivileged local account for this pytest process: .name,
+    .uid, .gid, .password, .home (an existing temp dir it owns)."""
+    if os.geteuid() != 0:
+        _skip("vsftpd and the local test account need root")
+    account = ftptest.LocalAccount()
+    _live_accounts.append(account)
+    try:
+        account.create()
+        yield account
+    finally:
+        account.remove()
+        if account in _live_accounts:
+            _live_accounts.remove(account)
+
+
+@pytest.fixture
+def vsftpd(request):
+    if os.geteuid() != 0:
+        _skip("vsftpd and the local test account need root")
+    if not os.path.exists(ftptest.VSFTPD):
+        _skip("%s is missing (apt-get install vsftpd)" % ftptest.VSFTPD)
+    account = request.getfixturevalue("local_account")
+    server = ftptest.VsftpdServer(account).start()
+    try:
+        yield server
+    finally:
+        server.stop()
+
+
+# ----------------------------------------------------------- any server
+
+@pytest.fixture(params=[("scripted", "passive"), ("scripted", "active"),
+                        ("vsftpd", "passive"), ("vsftpd", "active")],
+                ids=lambda p: "%s-%s" % p)
+def any_server(request):
+    kind, mode = request.param
+    server = request.getfixturevalue(kind)
+    server.passive = (mode == "passive")
+    return server

@@ -1,0 +1,234 @@
+"""Quick checks of the e2e fixtures themselves, driven by the curl CLI and
+Python's ftplib (never by brindle), so that a failing brindle test can be
+trusted to be brindle's fault."""
+
+import ftplib
+import os
+import pwd
+import socket
+
+import pytest
+
+import ftptest
+
+
+def ftp_session(server):
+    """An ftplib session logged in to server, in server's mode."""
+    ftp = ftplib.FTP()
+    ftp.connect(server.host, server.port, timeout=10)
+    ftp.login(server.user, server.password)
+    ftp.set_pasv(server.passive)
+    return ftp
+
+
+def raw_list(server, command):
+    """The exact bytes of a LIST/NLST answer (ftplib does not touch them
+    in binary mode, unlike libcurl's ASCII line end conversion)."""
+    ftp = ftp_session(server)
+    try:
+        chunks = []
+        ftp.retrbinary(command, chunks.append)
+        return b"".join(chunks)
+    finally:
+        ftp.quit()
+
+
+def test_curl_lists_downloads_and_uploads(any_server):
+    server = any_server
+    server.make_file("hello.txt", b"hello\n", mtime=1262304000)
+    server.make_dir("sub")
+
+    listed = server.curl("/")
+    assert listed.status == 0, listed
+    names = [line.split()[-1] for line in listed.stdout.decode().splitlines()]
+    assert names == ["hello.txt", "sub"]
+    assert b"\r" not in listed.stdout          # libcurl turned CRLF into LF
+    assert b"Jan 01  2010 hello.txt" in listed.stdout
+
+    got = server.curl("/hello.txt")
+    assert (got.status, got.stdout) == (0, b"hello\n")
+
+    upload = server.root.parent / "upload-src"
+    upload.write_bytes(b"uploaded\n")
+    put = server.curl("/sub/new.txt", "-T", str(upload))
+    assert put.status == 0, put
+    stored = server.root / "sub" / "new.txt"
+    assert stored.read_bytes() == b"uploaded\n"
+    if server.kind == "vsftpd":
+        assert stored.stat().st_uid == server.account.uid
+
+    commands = [c for c, _ in server.commands()]
+    assert ("USER", server.user) in server.commands()
+    data_setup = {"EPSV", "PASV"} if server.passive else {"EPRT", "PORT"}
+    assert data_setup & set(commands)
+    assert commands.count("LIST") == 1 and "STOR" in commands
+
+
+def test_scripted_listing_is_served_byte_for_byte(scripted):
+    scripted.script({"listings": {
+        "/virt/dir/": {"lines": [
+            "-rw-r--r-- 1 ftp ftp 5 Jan 01  2010 caf\u00e9.txt",
+            ftptest.b64(b"-rw-r--r-- 1 ftp ftp 1 Jan 01  2010 raw\xff"),
+        ]},
+        "/": ftptest.raw_body(b"one\ntwo\r\nthree"),
+    }, "nlst": {"/virt/dir": {"lines": ["a", "b"], "eol": "\n"}}})
+    expected = ("-rw-r--r-- 1 ftp ftp 5 Jan 01  2010 caf\u00e9.txt\r\n"
+                .encode() + b"-rw-r--r-- 1 ftp ftp 1 Jan 01  2010 raw\xff\r\n")
+
+    # CWD then bare LIST, and LIST with a path (options are skipped).
+    assert raw_list(scripted, "LIST") == b"one\ntwo\r\nthree"
+    ftp = ftp_session(scripted)
+    ftp.cwd("/virt/dir")
+    chunks = []
+    ftp.retrbinary("LIST", chunks.append)
+    ftp.quit()
+    assert b"".join(chunks) == expected
+    assert raw_list(scripted, "LIST /virt/dir") == expected
+    assert raw_list(scripted, "LIST -la /virt/dir/") == expected
+    assert raw_list(scripted, "NLST /virt/dir") == b"a\nb\n"
+
+    # curl sees the same lines with LF ends.
+    listed = scripted.curl("/virt/dir/")
+    assert listed.status == 0, listed
+    assert listed.stdout == expected.replace(b"\r\n", b"\n")
+    # The directory exists only in the script, yet CWD into it worked.
+    assert ("CWD", "dir") in scripted.commands()
+    assert not (scripted.root / "virt").exists()
+
+
+def test_script_changes_are_picked_up_at_once(scripted):
+    for n in range(3):
+        scripted.script({"listings": {"/": {"lines": ["gen %d" % n]}}})
+        assert scripted.curl("/").stdout == b"gen %d\n" % n
+
+
+def test_failure_rule_answers_instead_of_running(scripted):
+    scripted.make_file("f.txt", b"x")
+    scripted.script({"failures": [
+        {"command": "LIST", "reply": "450 Busy, try later", "times": 1}]})
+    # libcurl takes a 450 to LIST for "no files": success, empty output.
+    first = scripted.curl("/")
+    assert (first.status, first.stdout, first.stderr) == (0, b"", b""), first
+    second = scripted.curl("/")
+    assert second.status == 0 and b"f.txt" in second.stdout, second
+    assert [c for c, _ in scripted.commands()].count("LIST") == 2
+
+    scripted.script({"failures": [
+        {"command": "LIST", "reply": "450 Busy, try later", "times": 1}]})
+    with pytest.raises(ftplib.error_temp, match="^450 Busy, try later$"):
+        raw_list(scripted, "LIST")
+    assert raw_list(scripted, "LIST").endswith(b" f.txt\r\n")
+
+    ftp = ftp_session(scripted)
+    scripted.script({"failures": [
+        {"command": "SIZE", "arg": "f.txt", "reply": "550 Scripted no"}]})
+    with pytest.raises(ftplib.error_perm, match="^550 Scripted no$"):
+        ftp.size("f.txt")
+    with pytest.raises(ftplib.error_perm, match="^550 Scripted no$"):
+        ftp.size("f.txt")
+    ftp.quit()
+    assert [c for c in scripted.commands() if c[0] == "SIZE"] == [
+        ("SIZE", "f.txt"), ("SIZE", "f.txt")]
+
+
+def test_failure_rule_on_pass(scripted):
+    scripted.script({"failures": [
+        {"command": "PASS", "reply": "530 Login incorrect"}]})
+    result = scripted.curl("/")
+    assert result.status == 67, result
+    assert result.stderr == b"curl: (67) Access denied: 530\n"
+
+
+def test_refused_connection_looks_like_a_timeout_to_curl(scripted):
+    scripted.script({"refuse_connections": 1})
+    first = scripted.curl("/")
+    assert (first.status, first.stderr) == (28, b"curl: (28) Timeout was reached\n")
+    second = scripted.curl("/")
+    assert second.status == 0, second
+    scripted.wait_idle()
+    events = [(e["session"], e["event"]) for e in scripted.log()]
+    assert events[:3] == [(1, "connect"), (1, "refused"), (1, "disconnect")]
+    assert (2, "connect") in events
+
+
+def test_drop_in_the_middle_of_a_download(scripted):
+    data = bytes(range(256)) * 40
+    scripted.make_file("big.bin", data)
+    scripted.script({"drop": [{"command": "RETR", "after_bytes": 1000}]})
+    result = scripted.curl("/big.bin")
+    assert result.status in (18, 56), result
+    assert len(result.stdout) <= 1000
+    assert result.stdout == data[:len(result.stdout)]
+
+    # With ftplib: exactly 1000 bytes arrive, then the control connection
+    # is gone with no 226.
+    ftp = ftp_session(scripted)
+    chunks = []
+    with pytest.raises((EOFError, ConnectionError, ftplib.Error)):
+        ftp.retrbinary("RETR big.bin", chunks.append)
+    assert b"".join(chunks) == data[:1000]
+    ftp.close()
+
+
+def test_drop_of_a_listing_and_of_a_plain_command(scripted):
+    scripted.script({"drop": [{"command": "LIST", "after_bytes": 4},
+                              {"command": "MKD"}],
+                     "listings": {"/": {"lines": ["abcdefgh"]}}})
+    listed = scripted.curl("/")
+    assert listed.status != 0 and listed.stdout in (b"", b"abcd"), listed
+    ftp = ftp_session(scripted)
+    with pytest.raises((EOFError, ConnectionError)):
+        ftp.mkd("x")
+    ftp.close()
+    assert not (scripted.root / "x").exists()
+
+
+def test_log_has_times_sessions_and_credentials(scripted):
+    scripted.curl("/")
+    scripted.wait_idle()
+    log = scripted.log()
+    assert [e["event"] for e in log][0] == "connect"
+    assert [e["event"] for e in log][-1] == "disconnect"
+    times = [e["time"] for e in log]
+    assert all(isinstance(t, float) for t in times) and times == sorted(times)
+    assert {e["session"] for e in log} == {1}
+    assert scripted.commands()[:2] == [("USER", scripted.user),
+                                       ("PASS", scripted.password)]
+    assert scripted.args() == ["--host", "127.0.0.1", "--port",
+                               str(scripted.port), "--login", scripted.user,
+                               "--password", scripted.password]
+
+
+def test_vsftpd_log_and_account(vsftpd, local_account):
+    vsftpd.curl("/")
+    assert vsftpd.commands()[:2] == [("USER", local_account.name),
+                                     ("PASS", "<password>")]
+    assert "FTP response" in vsftpd.log_text()
+    entry = pwd.getpwnam(local_account.name)
+    assert (entry.pw_uid, entry.pw_gid) == (local_account.uid,
+                                            local_account.gid)
+    assert os.path.isdir(str(local_account.home))
+    assert vsftpd.root.stat().st_uid == local_account.uid
+
+
+def test_servers_stop_with_sessions_still_open(scripted_factory, request):
+    """Stopping a server also ends the sessions it forked."""
+    servers = [scripted_factory(user="u:x", password="p@ss word")]
+    if os.geteuid() == 0 and os.path.exists(ftptest.VSFTPD):
+        account = request.getfixturevalue("local_account")
+        server = ftptest.VsftpdServer(account)
+        request.addfinalizer(server.stop)
+        servers.append(server.start())
+    for server in servers:
+        ftp = ftp_session(server)           # left open on purpose
+        pids = [server.proc.pid] + ftptest.descendants(server.proc.pid)
+        if server.kind == "vsftpd":
+            pids += ftptest.pids_with_cmdline(
+                [ftptest.VSFTPD, str(server.conf_path)])
+        tmp = server.tmp
+        server.stop()
+        ftp.close()
+        assert not [p for p in pids if ftptest._alive(p)]
+        assert not tmp.exists()
+        with pytest.raises(OSError):
+            socket.create_connection((server.host, server.port), timeout=1)
