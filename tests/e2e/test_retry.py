@@ -1,0 +1,160 @@
+"""Retries and back-off, seen from the server's log.
+
+The scripted server refuses the first connections or fails chosen commands;
+the times at which it saw each attempt show the waits between retries.
+Waits are whole seconds slept by the client, so the bounds below leave
+generous room for a slow machine while still telling 0, 1 and 2 s apart.
+"""
+
+import pytest
+
+
+def connect_times(server):
+    return [e["time"] for e in server.log() if e["event"] == "connect"]
+
+
+def gaps(times):
+    return [later - earlier for earlier, later in zip(times, times[1:])]
+
+
+def assert_waits(server, expected):
+    measured = gaps(connect_times(server))
+    assert len(measured) == len(expected), measured
+    for wait, seconds in zip(measured, expected):
+        assert seconds <= wait < seconds + 0.7, (measured, expected)
+
+
+def entries_of_d(server):
+    # A repeated request on a kept connection first returns to the login
+    # directory ("CWD /"), then enters "d" again.
+    return [(c, a) for c, a in server.commands() if c == "CWD"].count(("CWD", "d"))
+
+
+def list_run(brindle, server, *extra, path="/a.txt"):
+    return brindle.run("--list", *server.args(), "--remote-path", path, *extra,
+                       timeout=30)
+
+
+def refused_failure(server):
+    # A "421" greeting reaches the client as a time-out with an empty error
+    # text, so the message ends right after the URL.
+    return ("Unable to perform request for 'ftp://127.0.0.1:%d/.': \n"
+            % server.port).encode()
+
+
+def test_no_retry_by_default(brindle, scripted):
+    scripted.make_file("a.txt")
+    scripted.script({"refuse_connections": 1})
+    result = list_run(brindle, scripted)
+    assert (result.status, result.stdout, result.stderr) == (
+        1, b"", refused_failure(scripted))
+    assert len(connect_times(scripted)) == 1
+
+
+def test_growing_back_off_without_retry_delay(brindle, scripted):
+    scripted.make_file("a.txt")
+    scripted.script({"refuse_connections": 3})
+    result = list_run(brindle, scripted, "--retry", "3")
+    assert (result.status, result.stdout, result.stderr) == (0, b"a.txt\n", b"")
+    assert_waits(scripted, [0, 1, 2])
+
+
+def test_constant_back_off_with_retry_delay(brindle, scripted):
+    scripted.make_file("a.txt")
+    scripted.script({"refuse_connections": 2})
+    result = list_run(brindle, scripted, "--retry", "3", "--retry-delay", "1")
+    assert (result.status, result.stdout, result.stderr) == (0, b"a.txt\n", b"")
+    assert_waits(scripted, [1, 1])
+
+
+def test_explicit_zero_delay_retries_at_once(brindle, scripted):
+    scripted.make_file("a.txt")
+    scripted.script({"refuse_connections": 3})
+    result = list_run(brindle, scripted, "--retry", "3", "--retry-delay", "0")
+    assert (result.status, result.stdout, result.stderr) == (0, b"a.txt\n", b"")
+    assert_waits(scripted, [0, 0, 0])
+
+
+def test_gives_up_when_the_retries_are_spent(brindle, scripted):
+    scripted.make_file("a.txt")
+    scripted.script({"refuse_connections": 10})
+    result = list_run(brindle, scripted, "--retry", "2", "--retry-delay", "0")
+    assert (result.status, result.stdout, result.stderr) == (
+        1, b"", refused_failure(scripted))
+    assert len(connect_times(scripted)) == 3
+
+
+def test_refused_connections_are_retried(brindle, scripted):
+    port = scripted.port
+    scripted.stop()
+    result = brindle.run("--list", "--host", "127.0.0.1", "--port", str(port),
+                         "--remote-path", "/.", "--retry", "2",
+                         "--retry-delay", "0")
+    assert result.status == 1
+    assert result.stderr.startswith(
+        b"Unable to perform request for 'ftp://127.0.0.1:%d/.': "
+        b"Failed to connect to 127.0.0.1 port %d after " % (port, port))
+
+
+def test_a_login_failure_is_permanent(brindle, scripted):
+    scripted.make_file("a.txt")
+    scripted.script({"failures": [{"command": "PASS",
+                                   "reply": "530 Login incorrect."}]})
+    result = list_run(brindle, scripted, "--retry", "3", "--retry-delay", "0")
+    assert (result.status, result.stdout, result.stderr) == (
+        1, b"", b"Unable to perform request for 'ftp://127.0.0.1:%d/.': "
+                b"Access denied: 530\n" % scripted.port)
+    assert [c for c, _ in scripted.commands() if c == "USER"] == ["USER"]
+
+
+def test_a_permanent_reply_is_not_retried(brindle, scripted):
+    scripted.make_dir("d")
+    scripted.make_file("d/a.txt")
+    scripted.script({"failures": [{"command": "CWD", "arg": "d",
+                                   "reply": "550 Nope."}]})
+    result = list_run(brindle, scripted, "--retry", "3", "--retry-delay", "0",
+                      path="/d/a.txt")
+    assert (result.status, result.stdout, result.stderr) == (
+        1, b"", b"Unable to perform request for 'ftp://127.0.0.1:%d/d/.': "
+                b"Server denied you to change to the given directory\n"
+                % scripted.port)
+    assert [a for c, a in scripted.commands() if c == "CWD"] == ["d"]
+
+
+@pytest.mark.parametrize("reply", ["450 Directory busy, try later.",
+                                   "421 Too busy."])
+def test_a_transient_reply_is_retried(brindle, scripted, reply):
+    scripted.make_dir("d")
+    scripted.make_file("d/a.txt")
+    scripted.script({"failures": [{"command": "CWD", "arg": "d",
+                                   "reply": reply, "times": 2}]})
+    result = list_run(brindle, scripted, "--retry", "2", "--retry-delay", "0",
+                      path="/d/a.txt")
+    assert (result.status, result.stdout, result.stderr) == (0, b"a.txt\n", b"")
+    assert entries_of_d(scripted) == 3
+
+
+def test_a_transient_reply_fails_when_the_retries_are_spent(brindle, scripted):
+    scripted.make_dir("d")
+    scripted.make_file("d/a.txt")
+    scripted.script({"failures": [{"command": "CWD", "arg": "d",
+                                   "reply": "450 Busy."}]})
+    result = list_run(brindle, scripted, "--retry", "1", "--retry-delay", "0",
+                      path="/d/a.txt")
+    assert (result.status, result.stdout, result.stderr) == (
+        1, b"", b"Unable to perform request for 'ftp://127.0.0.1:%d/d/.': "
+                b"Server denied you to change to the given directory\n"
+                % scripted.port)
+    assert entries_of_d(scripted) == 2
+
+
+def test_a_retried_listing_keeps_what_the_failed_attempt_wrote(brindle,
+                                                               scripted):
+    scripted.make_dir("d")
+    scripted.script({
+        "nlst": {"/d": {"lines": ["first", "second"], "eol": "\n"}},
+        "drop": [{"command": "NLST", "after_bytes": 6, "times": 1}]})
+    result = list_run(brindle, scripted, "--retry", "1", "--retry-delay", "0",
+                      path="/d/.")
+    assert result.status == 0, result
+    assert result.stdout == b"first\nfirst\nsecond\n"
