@@ -10,6 +10,23 @@
 namespace fs = std::filesystem;
 using torvane::TorvaneUtilException;
 
+namespace {
+
+// A message is read as a C string, which would end at a NUL byte; show such
+// a byte as "\0" so that the whole path and the reason stay visible.
+std::string printable_path(const fs::path& path) {
+  std::string text;
+  for (const char c : path.native()) {
+    if (c == '\0')
+      text += "\\0";
+    else
+      text += c;
+  }
+  return text;
+}
+
+}  // namespace
+
 void remove_command(const FtpSettings& settings, const fs::path& remote_path,
                     bool recursive) {
   const fs::path remote = normalize_path(remote_path);
@@ -53,7 +70,7 @@ void collect_removals(FtpClient& client, const fs::path& remote_dir,
         continue;
       case ChildName::unsafe:
         throw TorvaneUtilException("Unable to remove remote path '" +
-                                   (full_path / name).native() +
+                                   printable_path(full_path / name) +
                                    "': unsafe file name");
       case ChildName::ordinary:
         collect_removals(client, full_path, child, commands);
