@@ -14,6 +14,7 @@ import shutil
 import signal
 import socket
 import string
+import stat
 import subprocess
 import tempfile
 import time
@@ -40,6 +41,38 @@ def make_temp_dir(tag):
 def remove_tree(path):
     if path is not None:
         shutil.rmtree(str(path), ignore_errors=True)
+
+
+# How snapshot() shows a directory.
+DIR = "<dir>"
+
+
+def snapshot(root):
+    """Everything below root: relative path -> file bytes, DIR for a
+    directory, ("link", target) for a symbolic link (not followed), and
+    ("other", file type bits) for anything else."""
+    root = str(root)
+    found = {}
+    for dirpath, dirnames, filenames in os.walk(root):
+        for name in dirnames + filenames:
+            full = os.path.join(dirpath, name)
+            rel = os.path.relpath(full, root)
+            st = os.lstat(full)
+            if stat.S_ISLNK(st.st_mode):
+                found[rel] = ("link", os.readlink(full))
+            elif stat.S_ISDIR(st.st_mode):
+                found[rel] = DIR
+            elif stat.S_ISREG(st.st_mode):
+                with open(full, "rb") as f:
+                    found[rel] = f.read()
+            else:
+                found[rel] = ("other", stat.S_IFMT(st.st_mode))
+    return found
+
+
+def named(commands, *names):
+    """The (command, arg) pairs whose command is one of names, in order."""
+    return [(c, a) for c, a in commands if c in names]
 
 
 def b64(data):

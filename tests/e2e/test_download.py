@@ -11,17 +11,15 @@ status, both output channels byte for byte and the whole local tree.
 import errno
 import os
 import posixpath
-import stat
 
 import pytest
 
 import ftptest
+from ftptest import DIR, snapshot
 
 # A walk that loops would otherwise run until the fixture's own limit.
 TIMEOUT = 10
 
-# How snapshot() shows a directory.
-DIR = "<dir>"
 
 # Binary content that an ASCII-mode transfer or a text stream would change.
 BINARY = bytes(range(256)) * 3 + b"\r\n\n\r\x00\x1a\xff\r\n"
@@ -29,27 +27,6 @@ BINARY = bytes(range(256)) * 3 + b"\r\n\n\r\x00\x1a\xff\r\n"
 
 # ------------------------------------------------------------------ helpers
 
-def snapshot(root):
-    """Everything below root: relative path -> file bytes, DIR for a
-    directory, ("link", target) for a symbolic link, ("other", mode) for
-    anything else."""
-    root = str(root)
-    found = {}
-    for dirpath, dirnames, filenames in os.walk(root):
-        for name in dirnames + filenames:
-            full = os.path.join(dirpath, name)
-            rel = os.path.relpath(full, root)
-            st = os.lstat(full)
-            if stat.S_ISLNK(st.st_mode):
-                found[rel] = ("link", os.readlink(full))
-            elif stat.S_ISDIR(st.st_mode):
-                found[rel] = DIR
-            elif stat.S_ISREG(st.st_mode):
-                with open(full, "rb") as f:
-                    found[rel] = f.read()
-            else:
-                found[rel] = ("other", stat.S_IFMT(st.st_mode))
-    return found
 
 
 def assert_outcome(result, status, stdout=b"", stderr=b""):
@@ -489,7 +466,7 @@ def test_unsafe_names_are_skipped_and_nothing_escapes_target(scripted, local):
         unix_line("d", "sub", 4096),
         unix_line("-", "good2", 5),
     ]}}})
-    sandbox = local.mkdir("sandbox")
+    local.mkdir("sandbox")
     local.write("sandbox/keep.txt", b"keep")
     before = local.tree()
     abs_existed = os.path.lexists("/abs")

@@ -13,8 +13,8 @@ import time
 from pathlib import Path
 
 import pytest
+from ftptest import DIR, named, snapshot
 
-DIR = "<dir>"
 UNKNOWN = "no-such-user-xyz"
 HINT = b"Try 'brindle --help' for more information\n"
 
@@ -27,16 +27,6 @@ def _as_root(local_account):
 
 # ------------------------------------------------------------------ helpers
 
-def snapshot(root):
-    """Everything below root: relative path -> file bytes or DIR."""
-    root = Path(root)
-    result = {}
-    for dirpath, dirnames, filenames in os.walk(str(root)):
-        for name in dirnames + filenames:
-            path = Path(dirpath) / name
-            rel = str(path.relative_to(root))
-            result[rel] = DIR if path.is_dir() else path.read_bytes()
-    return result
 
 
 def assert_ok(result):
@@ -50,8 +40,6 @@ def assert_no_connection(server, wait=0.3):
     assert server.log() == []
 
 
-def named(commands, *names):
-    return [(c, a) for c, a in commands if c in names]
 
 
 def current_umask():

@@ -7,35 +7,17 @@ two separate stretches.  Both test servers list directories sorted by name,
 which fixes the order in which the children are visited.
 """
 
-import os
 import time
-from pathlib import Path
 
 import pytest
 
 import ftptest
+from ftptest import DIR, named, snapshot
 
-DIR = "<dir>"
 
 
 # ------------------------------------------------------------------ helpers
 
-def snapshot(root):
-    """Everything below root: relative path -> file bytes, DIR, or
-    ("link", target).  Links are not followed."""
-    root = Path(root)
-    result = {}
-    for dirpath, dirnames, filenames in os.walk(str(root)):
-        for name in dirnames + filenames:
-            path = Path(dirpath) / name
-            rel = str(path.relative_to(root))
-            if path.is_symlink():
-                result[rel] = ("link", os.readlink(str(path)))
-            elif path.is_dir():
-                result[rel] = DIR
-            else:
-                result[rel] = path.read_bytes()
-    return result
 
 
 def remove(brindle, server, remote, *flags):
@@ -43,8 +25,6 @@ def remove(brindle, server, remote, *flags):
                        *server.args())
 
 
-def named(commands, *names):
-    return [(c, a) for c, a in commands if c in names]
 
 
 def deletion_runs(commands):

@@ -16,29 +16,12 @@ import time
 from pathlib import Path
 
 import pytest
+from ftptest import DIR, named, snapshot
 
-# Marks a directory in a tree snapshot.
-DIR = "<dir>"
 
 
 # ------------------------------------------------------------------ helpers
 
-def snapshot(root):
-    """Everything below root: relative path -> file bytes, DIR, or
-    ("link", target).  Links are not followed."""
-    root = Path(root)
-    result = {}
-    for dirpath, dirnames, filenames in os.walk(str(root)):
-        for name in dirnames + filenames:
-            path = Path(dirpath) / name
-            rel = str(path.relative_to(root))
-            if path.is_symlink():
-                result[rel] = ("link", os.readlink(str(path)))
-            elif path.is_dir():
-                result[rel] = DIR
-            else:
-                result[rel] = path.read_bytes()
-    return result
 
 
 def make_local(base, rel, data=b"", mode=0o644):
@@ -84,8 +67,6 @@ def assert_no_connection(server, wait=0.3):
     assert server.log() == []
 
 
-def named(commands, *names):
-    return [(c, a) for c, a in commands if c in names]
 
 
 def binary_blob(size, seed):
