@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <initializer_list>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -20,16 +21,16 @@ namespace po = boost::program_options;
 
 namespace {
 
-// The command that was chosen, or "" when help was asked for.
+// The command whose switch is on; exactly one is, once help is ruled out.
 std::string chosen_command(const po::variables_map& values) {
   for (const char* command : {"upload", "download", "remove", "list"})
     if (values.at(command).as<bool>()) return command;
   return "";
 }
 
-// Registers one option that only some commands take: always when help is
-// shown (its help text then says which commands take it), otherwise only
-// when the chosen command is among `commands`.
+// Whether to register an option that only some commands take: always when
+// help is shown (its help text then says which commands take it), otherwise
+// only when the chosen command is among `commands`.
 bool takes_option(bool help, const std::string& command,
                   std::initializer_list<const char*> commands) {
   if (help) return true;
