@@ -158,3 +158,19 @@ def test_a_retried_listing_keeps_what_the_failed_attempt_wrote(brindle,
                       path="/d/.")
     assert result.status == 0, result
     assert result.stdout == b"first\nfirst\nsecond\n"
+
+
+def test_a_450_listing_reads_as_an_empty_directory(brindle, scripted):
+    # libcurl takes "450" to LIST or NLST for "no files", not for a failure,
+    # so there is nothing to retry.
+    scripted.make_dir("d")
+    scripted.make_file("d/a.txt")
+    scripted.script({"failures": [{"command": "LIST", "reply": "450 Busy."}]})
+    result = list_run(brindle, scripted, "--retry", "2", "--retry-delay", "0",
+                      "--long-listing", path="/d/.")
+    assert (result.status, result.stdout, result.stderr) == (0, b"", b"")
+    result = list_run(brindle, scripted, "--retry", "2", "--retry-delay", "0",
+                      path="/d/a.txt")
+    assert (result.status, result.stdout, result.stderr) == (
+        1, b"", b"Unable to find remote path '/d/a.txt'\n")
+    assert [c for c, _ in scripted.commands() if c == "LIST"] == ["LIST", "LIST"]
