@@ -48,6 +48,8 @@ int do_main(int argc, char** argv) {
   std::string remote_path_text;
   std::string local_path_text;
 
+  // The option tables read as tables: one option a line group.
+  // clang-format off
   po::options_description commands("Available commands");
   commands.add_options()
       ("upload", po::bool_switch(), "upload local file to ftp server")
@@ -84,6 +86,7 @@ int do_main(int argc, char** argv) {
        "backoff time algorithm between retries)")
       ("remote-path", po::value<std::string>(&remote_path_text)->required(),
        "remote path");
+  // clang-format on
 
   po::options_description top("Usage: brindle <command> [options]");
   top.add(commands);
@@ -117,7 +120,8 @@ int do_main(int argc, char** argv) {
             [](const std::string& name) {
               torvane::run_as_local_user(name.c_str(), false, false);
             }),
-        remark("run with username rights", " (download or upload only)").c_str());
+        remark("run with username rights", " (download or upload only)")
+            .c_str());
   }
   if (takes_option(help, command, {"download", "upload"})) {
     options.add_options()(
@@ -125,10 +129,10 @@ int do_main(int argc, char** argv) {
         remark("local path", " (download or upload only)").c_str());
   }
   if (takes_option(help, command, {"download", "upload", "remove"})) {
-    options.add_options()(
-        "recursive", po::bool_switch(),
-        remark("perform command recursively", " (download, upload or remove only)")
-            .c_str());
+    options.add_options()("recursive", po::bool_switch(),
+                          remark("perform command recursively",
+                                 " (download, upload or remove only)")
+                              .c_str());
   }
   if (takes_option(help, command, {"download", "upload"})) {
     options.add_options()(

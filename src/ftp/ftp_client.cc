@@ -17,7 +17,8 @@ FtpClient::FtpClient(FtpClient&& other) noexcept
     : settings_(std::move(other.settings_)), handle_(std::move(other.handle_)) {
   std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
             std::begin(error_buffer_));
-  if (handle_) curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, error_buffer_);
+  if (handle_)
+    curl_easy_setopt(handle_.get(), CURLOPT_ERRORBUFFER, error_buffer_);
 }
 
 FtpClient& FtpClient::operator=(FtpClient&& other) noexcept {
@@ -34,9 +35,9 @@ FtpClient& FtpClient::operator=(FtpClient&& other) noexcept {
 
 void FtpClient::check_setup(CURLcode code) {
   if (code == CURLE_OK) return;
-  throw torvane::TorvaneUtilException(
-      "Unable to setup curl: [" + std::to_string(static_cast<int>(code)) +
-      "] " + curl_easy_strerror(code));
+  throw torvane::TorvaneUtilException("Unable to setup curl: [" +
+                                      std::to_string(static_cast<int>(code)) +
+                                      "] " + curl_easy_strerror(code));
 }
 
 void FtpClient::reset_handle() {
@@ -44,7 +45,8 @@ void FtpClient::reset_handle() {
     curl_easy_reset(handle_.get());
   else
     handle_.reset(curl_easy_init());
-  if (!handle_) throw torvane::TorvaneUtilException("Unable to get curl handle");
+  if (!handle_)
+    throw torvane::TorvaneUtilException("Unable to get curl handle");
 
   set_option(CURLOPT_ERRORBUFFER, error_buffer_);
   set_option(CURLOPT_USERNAME, settings_.login.c_str());
@@ -55,8 +57,8 @@ void FtpClient::reset_handle() {
 }
 
 void FtpClient::perform(const std::filesystem::path& remote_path) {
-  const std::string url = request_url(handle_.get(), settings_.host,
-                                      settings_.port, remote_path);
+  const std::string url =
+      request_url(handle_.get(), settings_.host, settings_.port, remote_path);
   set_option(CURLOPT_URL, url.c_str());
 
   error_buffer_[0] = '\0';

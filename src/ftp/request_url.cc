@@ -13,7 +13,8 @@ std::string request_url(CURL* handle, const std::string& host,
     const std::string& text = element.native();
     // The whole element is encoded, every byte but letters, digits and
     // "-._~" becoming "%XX".
-    const int length = text.size() > INT_MAX ? INT_MAX : static_cast<int>(text.size());
+    const int length =
+        text.size() > INT_MAX ? INT_MAX : static_cast<int>(text.size());
     std::unique_ptr<char, decltype(&curl_free)> escaped(
         curl_easy_escape(handle, text.data(), length), &curl_free);
     if (!escaped) throw std::bad_alloc();

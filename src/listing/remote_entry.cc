@@ -10,9 +10,8 @@ constexpr const char* kPattern =
     R"(^((?<type>[-bcCdDlMnpPs?])(?<permission>[-r][-w][-xsS][-r][-w][-xsS][-r][-w][-xsStT])\s+(?<filecode>\d+)\s+(?<owner>\S+)\s+(?<group>\S+)\s+(?<size>\d+)\s+(?<date>(\w{3}\s+\d{1,2}\s+\d{1,2}:\d{2})|(\w{3}\s+\d{1,2}\s+\d{4}))\s+(?<name>.+))|((?<date>\d{1,4}[\.-]\d{2}[\.-]\d{1,4}\s+\d{1,2}:\d{2}([AP]M)?)\s+((?<type>[^0-9\s]+)|(?<size>\d+))\s+(?<name>.+))$)";
 
 // Capture names in the order of RemoteEntry::Field.
-constexpr const char* kFieldNames[] = {"type",  "permission", "filecode",
-                                       "owner", "group",      "size",
-                                       "date",  "name"};
+constexpr const char* kFieldNames[] = {
+    "type", "permission", "filecode", "owner", "group", "size", "date", "name"};
 
 // Compiled on first use and kept for the rest of the run.
 const boost::regex& list_line_pattern() {

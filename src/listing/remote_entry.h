@@ -17,7 +17,16 @@
 class RemoteEntry {
  public:
   // The named fields of the pattern.
-  enum class Field { type, permission, filecode, owner, group, size, date, name };
+  enum class Field {
+    type,
+    permission,
+    filecode,
+    owner,
+    group,
+    size,
+    date,
+    name
+  };
 
   // The value of one field. A field that took no part in the match reads as
   // empty text.

@@ -8,8 +8,8 @@
 std::size_t write_to_stream(char* data, std::size_t size, std::size_t count,
                             void* stream) {
   const std::size_t bytes = size * count;
-  static_cast<std::ostream*>(stream)->write(data,
-                                            static_cast<std::streamsize>(bytes));
+  static_cast<std::ostream*>(stream)->write(
+      data, static_cast<std::streamsize>(bytes));
   return bytes;
 }
 
@@ -28,8 +28,9 @@ RemoteListing list_directory(FtpClient& client,
   RemoteListing listing;
   std::stringstream buffer;
   // Listing "dir/." makes the request enter "dir" before sending LIST.
-  request_listing(client, dir_path.filename() == "." ? dir_path : dir_path / ".",
-                  true, buffer);
+  request_listing(client,
+                  dir_path.filename() == "." ? dir_path : dir_path / ".", true,
+                  buffer);
   for (std::string line; std::getline(buffer, line);)
     listing.emplace_back(std::move(line));
   return listing;

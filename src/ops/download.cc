@@ -18,8 +18,8 @@ namespace {
 
 bool is_regular_file(const RemoteEntry& entry) {
   const auto type = entry.capture(RemoteEntry::Field::type);
-  return type == "-" ||
-         (type.text.empty() && !entry.capture(RemoteEntry::Field::size).text.empty());
+  return type == "-" || (type.text.empty() &&
+                         !entry.capture(RemoteEntry::Field::size).text.empty());
 }
 
 void download_link(FtpClient& client, const fs::path& remote_dir,

@@ -48,7 +48,8 @@ void remove_command(const FtpSettings& settings, const fs::path& remote_path,
   // returns to the login directory, that is in the directory that the last
   // listing entered. Relative paths must be resolved against the login
   // directory, so for them the request logs in afresh.
-  if (!remote.has_root_directory()) client.set_option(CURLOPT_FRESH_CONNECT, 1L);
+  if (!remote.has_root_directory())
+    client.set_option(CURLOPT_FRESH_CONNECT, 1L);
   // The empty path addresses the server's base URL: the commands run before
   // any change of directory, and the listing that follows them is dropped.
   client.perform(fs::path());

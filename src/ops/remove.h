@@ -23,7 +23,8 @@ void remove_command(const FtpSettings& settings,
 
 // Appends the commands that delete `entry`, listed in `remote_dir`, in
 // depth-first post-order.
-void collect_removals(FtpClient& client, const std::filesystem::path& remote_dir,
+void collect_removals(FtpClient& client,
+                      const std::filesystem::path& remote_dir,
                       const RemoteEntry& entry, CommandList& commands);
 
 // Write callback that drops the body of the request.

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string_view>
 
-void print_skip_line(const std::filesystem::path& path, std::string_view reason);
+void print_skip_line(const std::filesystem::path& path,
+                     std::string_view reason);
 
 #endif  // BRINDLE_OPS_SKIP_LINE_H_

@@ -68,7 +68,8 @@ void upload_command(const FtpSettings& settings, const fs::path& local_path,
                     bool follow_symlinks) {
   const fs::path local = normalize_path(local_path);
   fs::path remote = normalize_path(remote_path);
-  if (is_dot(remote_path) || is_dot_dot(remote_path)) remote /= local.filename();
+  if (is_dot(remote_path) || is_dot_dot(remote_path))
+    remote /= local.filename();
 
   FtpClient client(settings);
   // The throwing status queries: only "not found" becomes this program's own

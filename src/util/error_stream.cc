@@ -21,7 +21,8 @@ UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c) {
 
 void UtilityErrorStreamBuf::deliver_pending() {
   std::cerr.flush();
-  std::cout.write(pending_.data(), static_cast<std::streamsize>(pending_.size()));
+  std::cout.write(pending_.data(),
+                  static_cast<std::streamsize>(pending_.size()));
   std::cout.flush();
   pending_.clear();
 }

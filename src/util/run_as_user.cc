@@ -81,9 +81,9 @@ void report_error(int exit_status, int /*flags*/, const char* format, ...) {
   if (saved_errno != 0) {
     const std::size_t length = std::strlen(text.get());
     const std::size_t room = size - length;
-    const int suffix = std::snprintf(text.get() + length, room,
-                                     "\nSystem error %d: %s", saved_errno,
-                                     std::strerror(saved_errno));
+    const int suffix =
+        std::snprintf(text.get() + length, room, "\nSystem error %d: %s",
+                      saved_errno, std::strerror(saved_errno));
     if (suffix < 0 || static_cast<std::size_t>(suffix) >= room)
       text.get()[length] = '\0';  // the suffix does not fit: leave it out
   }
@@ -160,7 +160,8 @@ gid_t group_id_by_name(const char* text) {
   int id = 0;
   std::sscanf(text, "%d", &id);
   errno = 0;
-  if (getgrgid(static_cast<gid_t>(id)) != nullptr) return static_cast<gid_t>(id);
+  if (getgrgid(static_cast<gid_t>(id)) != nullptr)
+    return static_cast<gid_t>(id);
   report_error(0, 0, "getgrgid(%d): %s", id, std::strerror(errno));
   return 0;
 }
@@ -168,8 +169,8 @@ gid_t group_id_by_name(const char* text) {
 unsigned user_or_group_id(const char* name, bool want_group) {
   uid_t uid = 0;
   gid_t gid = 0;
-  if (lookup_user(name, want_group ? nullptr : &uid, want_group ? &gid : nullptr,
-                  nullptr) == -1)
+  if (lookup_user(name, want_group ? nullptr : &uid,
+                  want_group ? &gid : nullptr, nullptr) == -1)
     return 0;
   return want_group ? gid : uid;
 }

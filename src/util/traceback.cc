@@ -9,7 +9,9 @@
 namespace torvane {
 
 Traceback::Traceback(std::uint64_t frames_to_skip)
-    : frame_count_(0), frames_to_skip_(frames_to_skip), frames_{},
+    : frame_count_(0),
+      frames_to_skip_(frames_to_skip),
+      frames_{},
       symbols_(nullptr) {
   const int captured = backtrace(frames_, static_cast<int>(kMaxFrames));
   frame_count_ = captured < 0 ? 0 : static_cast<std::uint64_t>(captured);

@@ -8,8 +8,8 @@
 #ifndef BRINDLE_UTIL_TRACEBACK_H_
 #define BRINDLE_UTIL_TRACEBACK_H_
 
-#include <cstdint>
 #include <cstddef>
+#include <cstdint>
 #include <ostream>
 #include <string>
 

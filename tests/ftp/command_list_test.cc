@@ -9,7 +9,8 @@ namespace {
 
 std::vector<std::string> lines_of(const CommandList& commands) {
   std::vector<std::string> lines;
-  for (const curl_slist* item = commands.get(); item != nullptr; item = item->next)
+  for (const curl_slist* item = commands.get(); item != nullptr;
+       item = item->next)
     lines.emplace_back(item->data);
   return lines;
 }

@@ -90,11 +90,13 @@ TEST(FtpClient, FailedRequestNamesTheUrlAndTheLibraryErrorText) {
   RefusingPort refusing;
   FtpClient client(settings_for(refusing.port()));
   const std::string port = std::to_string(refusing.port());
-  EXPECT_THAT(failure_of(client, "/my dir/f#1"),
-              MatchesRegex("Unable to perform request for 'ftp://127\\.0\\.0\\.1:" +
-                           port + "/my%20dir/f%231': Failed to connect to "
-                           "127\\.0\\.0\\.1 port " + port +
-                           " after [0-9]+ ms: Couldn't connect to server"));
+  EXPECT_THAT(
+      failure_of(client, "/my dir/f#1"),
+      MatchesRegex(
+          "Unable to perform request for 'ftp://127\\.0\\.0\\.1:" + port +
+          "/my%20dir/f%231': Failed to connect to "
+          "127\\.0\\.0\\.1 port " +
+          port + " after [0-9]+ ms: Couldn't connect to server"));
 }
 
 TEST(FtpClient, StaysUsableAfterAFailedRequest) {
@@ -102,10 +104,12 @@ TEST(FtpClient, StaysUsableAfterAFailedRequest) {
   FtpClient client(settings_for(refusing.port()));
   const std::string first = failure_of(client, "/a");
   const std::string second = failure_of(client, "/b");
-  EXPECT_THAT(first, StartsWith("Unable to perform request for 'ftp://127.0.0.1:" +
-                                std::to_string(refusing.port()) + "/a': Failed"));
-  EXPECT_THAT(second, StartsWith("Unable to perform request for 'ftp://127.0.0.1:" +
-                                 std::to_string(refusing.port()) + "/b': Failed"));
+  EXPECT_THAT(first,
+              StartsWith("Unable to perform request for 'ftp://127.0.0.1:" +
+                         std::to_string(refusing.port()) + "/a': Failed"));
+  EXPECT_THAT(second,
+              StartsWith("Unable to perform request for 'ftp://127.0.0.1:" +
+                         std::to_string(refusing.port()) + "/b': Failed"));
 }
 
 TEST(FtpClient, RetriesWithoutWaitingWhenTheDelayIsZero) {
@@ -122,7 +126,8 @@ TEST(FtpClient, AMovedClientReportsIntoItsOwnErrorBuffer) {
   RefusingPort refusing;
   FtpClient original(settings_for(refusing.port()));
   FtpClient moved(std::move(original));
-  EXPECT_THAT(failure_of(moved, "/x"), MatchesRegex(".*': Failed to connect .*"));
+  EXPECT_THAT(failure_of(moved, "/x"),
+              MatchesRegex(".*': Failed to connect .*"));
 
   FtpClient assigned(settings_for(1));
   assigned = std::move(moved);

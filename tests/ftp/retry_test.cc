@@ -5,11 +5,11 @@
 namespace {
 
 TEST(IsTransientCode, AcceptsTheFiveConnectionFailures) {
-  EXPECT_TRUE(is_transient_code(CURLE_COULDNT_CONNECT));      // 7
-  EXPECT_TRUE(is_transient_code(CURLE_FTP_ACCEPT_TIMEOUT));   // 12
-  EXPECT_TRUE(is_transient_code(CURLE_OPERATION_TIMEDOUT));   // 28
-  EXPECT_TRUE(is_transient_code(CURLE_SEND_ERROR));           // 55
-  EXPECT_TRUE(is_transient_code(CURLE_RECV_ERROR));           // 56
+  EXPECT_TRUE(is_transient_code(CURLE_COULDNT_CONNECT));     // 7
+  EXPECT_TRUE(is_transient_code(CURLE_FTP_ACCEPT_TIMEOUT));  // 12
+  EXPECT_TRUE(is_transient_code(CURLE_OPERATION_TIMEDOUT));  // 28
+  EXPECT_TRUE(is_transient_code(CURLE_SEND_ERROR));          // 55
+  EXPECT_TRUE(is_transient_code(CURLE_RECV_ERROR));          // 56
 }
 
 TEST(IsTransientCode, RejectsEveryOtherCode) {

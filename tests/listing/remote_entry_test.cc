@@ -37,7 +37,8 @@ TEST(RemoteEntry, KeepsThePatternTextVerbatim) {
 }
 
 TEST(RemoteEntry, ParsesAUnixDirectoryLine) {
-  const RemoteEntry entry("drwxr-xr-x   2 web   web       4096 Jan  5 12:34 docs");
+  const RemoteEntry entry(
+      "drwxr-xr-x   2 web   web       4096 Jan  5 12:34 docs");
   EXPECT_EQ(field(entry, Field::type), "d");
   EXPECT_EQ(field(entry, Field::permission), "rwxr-xr-x");
   EXPECT_EQ(field(entry, Field::filecode), "2");
@@ -56,7 +57,8 @@ TEST(RemoteEntry, KeepsTheLineAsReceived) {
 }
 
 TEST(RemoteEntry, SplitsASymbolicLinkIntoNameAndTarget) {
-  const RemoteEntry entry("lrwxrwxrwx 1 u g 11 Mar 10  2020 current -> releases/7");
+  const RemoteEntry entry(
+      "lrwxrwxrwx 1 u g 11 Mar 10  2020 current -> releases/7");
   EXPECT_EQ(field(entry, Field::type), "l");
   EXPECT_EQ(field(entry, Field::date), "Mar 10  2020");
   EXPECT_EQ(entry.entry_name(false), "current");
@@ -86,7 +88,8 @@ TEST(RemoteEntry, AShortLinkNameWithoutArrowIsOutOfRangeForTheTarget) {
   const RemoteEntry entry("lrwxrwxrwx 1 u g 5 Jan 1 2020 ab");
   EXPECT_EQ(entry.entry_name(false), "ab");
   EXPECT_THROW(entry.entry_name(true), std::out_of_range);
-  EXPECT_EQ(RemoteEntry("lrwxrwxrwx 1 u g 5 Jan 1 2020 abc").entry_name(true), "");
+  EXPECT_EQ(RemoteEntry("lrwxrwxrwx 1 u g 5 Jan 1 2020 abc").entry_name(true),
+            "");
 }
 
 TEST(RemoteEntry, ParsesADosDirectoryLine) {
@@ -120,25 +123,31 @@ TEST(RemoteEntry, ParsesAFifoAsNeitherDirectoryNorLink) {
 
 TEST(RemoteEntry, AcceptsEveryUnixTypeCharacter) {
   for (const char type : std::string("-bcCdDlMnpPs?")) {
-    const RemoteEntry entry(std::string(1, type) + "rwxrwxrwx 1 u g 0 Jan 1 2020 x");
+    const RemoteEntry entry(std::string(1, type) +
+                            "rwxrwxrwx 1 u g 0 Jan 1 2020 x");
     EXPECT_EQ(field(entry, Field::type), std::string(1, type));
   }
-  EXPECT_EQ(parse_failure("xrwxrwxrwx 1 u g 0 Jan 1 2020 x"),
-            "Unable to parse FTP LIST output 'xrwxrwxrwx 1 u g 0 Jan 1 2020 x'");
+  EXPECT_EQ(
+      parse_failure("xrwxrwxrwx 1 u g 0 Jan 1 2020 x"),
+      "Unable to parse FTP LIST output 'xrwxrwxrwx 1 u g 0 Jan 1 2020 x'");
 }
 
 TEST(RemoteEntry, AcceptsSpecialPermissionBits) {
-  EXPECT_EQ(field(RemoteEntry("drwsr-Sr-t 1 u g 0 Jan 1 2020 x"), Field::permission),
-            "rwsr-Sr-t");
-  EXPECT_EQ(field(RemoteEntry("-rwxrwxrwT 1 u g 0 Jan 1 2020 x"), Field::permission),
-            "rwxrwxrwT");
+  EXPECT_EQ(
+      field(RemoteEntry("drwsr-Sr-t 1 u g 0 Jan 1 2020 x"), Field::permission),
+      "rwsr-Sr-t");
+  EXPECT_EQ(
+      field(RemoteEntry("-rwxrwxrwT 1 u g 0 Jan 1 2020 x"), Field::permission),
+      "rwxrwxrwT");
 }
 
 TEST(RemoteEntry, LosesLeadingBlanksOfTheNameAndKeepsTrailingOnes) {
-  EXPECT_EQ(RemoteEntry("-rw-r--r-- 1 u g 5 Jan 1 2020    spaced").entry_name(false),
-            "spaced");
-  EXPECT_EQ(RemoteEntry("-rw-r--r-- 1 u g 5 Jan 1 2020 trail  ").entry_name(false),
-            "trail  ");
+  EXPECT_EQ(
+      RemoteEntry("-rw-r--r-- 1 u g 5 Jan 1 2020    spaced").entry_name(false),
+      "spaced");
+  EXPECT_EQ(
+      RemoteEntry("-rw-r--r-- 1 u g 5 Jan 1 2020 trail  ").entry_name(false),
+      "trail  ");
 }
 
 TEST(RemoteEntry, KeepsACarriageReturnAtTheEndOfTheName) {
@@ -147,7 +156,8 @@ TEST(RemoteEntry, KeepsACarriageReturnAtTheEndOfTheName) {
 }
 
 TEST(RemoteEntry, RejectsASummaryLine) {
-  EXPECT_EQ(parse_failure("total 12"), "Unable to parse FTP LIST output 'total 12'");
+  EXPECT_EQ(parse_failure("total 12"),
+            "Unable to parse FTP LIST output 'total 12'");
 }
 
 TEST(RemoteEntry, RejectsAnEmptyLine) {
@@ -155,15 +165,18 @@ TEST(RemoteEntry, RejectsAnEmptyLine) {
 }
 
 TEST(RemoteEntry, RejectsAclAndSecurityContextMarkers) {
-  EXPECT_EQ(parse_failure("-rw-r--r--+ 1 u g 5 Jan 1 2020 f"),
-            "Unable to parse FTP LIST output '-rw-r--r--+ 1 u g 5 Jan 1 2020 f'");
-  EXPECT_EQ(parse_failure("-rw-r--r--. 1 u g 5 Jan 1 2020 f"),
-            "Unable to parse FTP LIST output '-rw-r--r--. 1 u g 5 Jan 1 2020 f'");
+  EXPECT_EQ(
+      parse_failure("-rw-r--r--+ 1 u g 5 Jan 1 2020 f"),
+      "Unable to parse FTP LIST output '-rw-r--r--+ 1 u g 5 Jan 1 2020 f'");
+  EXPECT_EQ(
+      parse_failure("-rw-r--r--. 1 u g 5 Jan 1 2020 f"),
+      "Unable to parse FTP LIST output '-rw-r--r--. 1 u g 5 Jan 1 2020 f'");
 }
 
 TEST(RemoteEntry, RejectsAMonthWordThatIsNotThreeCharacters) {
-  EXPECT_EQ(parse_failure("-rw-r--r-- 1 u g 5 June 1 2020 f"),
-            "Unable to parse FTP LIST output '-rw-r--r-- 1 u g 5 June 1 2020 f'");
+  EXPECT_EQ(
+      parse_failure("-rw-r--r-- 1 u g 5 June 1 2020 f"),
+      "Unable to parse FTP LIST output '-rw-r--r-- 1 u g 5 June 1 2020 f'");
 }
 
 TEST(RemoteEntry, RejectsALineWithoutName) {
@@ -174,8 +187,9 @@ TEST(RemoteEntry, RejectsALineWithoutName) {
 }
 
 TEST(RemoteEntry, RejectsLeadingBlanksBeforeTheType) {
-  EXPECT_EQ(parse_failure(" -rw-r--r-- 1 u g 5 Jan 1 2020 f"),
-            "Unable to parse FTP LIST output ' -rw-r--r-- 1 u g 5 Jan 1 2020 f'");
+  EXPECT_EQ(
+      parse_failure(" -rw-r--r-- 1 u g 5 Jan 1 2020 f"),
+      "Unable to parse FTP LIST output ' -rw-r--r-- 1 u g 5 Jan 1 2020 f'");
 }
 
 TEST(RemoteEntry, ReportsTheLineByteForByteInTheFailure) {

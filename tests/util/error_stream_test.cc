@@ -58,7 +58,8 @@ TEST(UtilityErrorStreamBuf, EchoesEndOfFileAndWritesNothing) {
   using Traits = std::char_traits<char>;
   CapturedOutput captured;
   OpenErrorStreamBuf buffer;
-  EXPECT_TRUE(Traits::eq_int_type(buffer.overflow(Traits::eof()), Traits::eof()));
+  EXPECT_TRUE(
+      Traits::eq_int_type(buffer.overflow(Traits::eof()), Traits::eof()));
   EXPECT_EQ(buffer.overflow('a'), 'a');
   EXPECT_EQ(buffer.sync(), 0);
   EXPECT_EQ(buffer.sync(), 0);

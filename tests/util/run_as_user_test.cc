@@ -13,7 +13,8 @@
 namespace {
 
 std::string system_error(int number) {
-  return "\nSystem error " + std::to_string(number) + ": " + std::strerror(number);
+  return "\nSystem error " + std::to_string(number) + ": " +
+         std::strerror(number);
 }
 
 TEST(WriteErrorMessage, WritesToBothChannelsWithOneLineFeed) {
@@ -73,7 +74,8 @@ TEST(ReportError, ShowsAnEmptyLineBeforeTheSuffixOfANewlineTerminatedFormat) {
     errno = EPERM;
     torvane::report_error(0, 0, "Failed to setuid: %d\n", 1000);
   });
-  EXPECT_EQ(result.out, "Failed to setuid: 1000\n" + system_error(EPERM) + "\n");
+  EXPECT_EQ(result.out,
+            "Failed to setuid: 1000\n" + system_error(EPERM) + "\n");
 }
 
 TEST(ReportError, EndsTheProcessWithANonZeroStatus) {
@@ -122,13 +124,15 @@ TEST(LookupUser, ReportsAnUnknownAccountWithoutExiting) {
   const ChildResult result = run_in_child([] {
     errno = 0;
     uid_t uid = 77;
-    const int found = torvane::lookup_user("no-such-account-x", &uid, nullptr, nullptr);
+    const int found =
+        torvane::lookup_user("no-such-account-x", &uid, nullptr, nullptr);
     std::printf("result %d uid %u\n", found, static_cast<unsigned>(uid));
   });
   EXPECT_EQ(result.exit_status, 0);
   EXPECT_EQ(result.err, "Unable to getpwnam for user no-such-account-x\n");
-  EXPECT_EQ(result.out,
-            "Unable to getpwnam for user no-such-account-x\nresult -1 uid 77\n");
+  EXPECT_EQ(
+      result.out,
+      "Unable to getpwnam for user no-such-account-x\nresult -1 uid 77\n");
 }
 
 TEST(RunAsUser, AnUnknownAccountIsReportedTwiceAndEndsWithStatusOne) {
@@ -174,7 +178,8 @@ void print_credentials_and_directory() {
   char cwd[4096] = {};
   if (getcwd(cwd, sizeof cwd) == nullptr) std::strcpy(cwd, "?");
   std::printf("uid %u euid %u gid %u cwd %s\n", static_cast<unsigned>(getuid()),
-              static_cast<unsigned>(geteuid()), static_cast<unsigned>(getgid()), cwd);
+              static_cast<unsigned>(geteuid()), static_cast<unsigned>(getgid()),
+              cwd);
 }
 
 TEST(RunAsUser, SwitchesCredentialsAndStaysInTheDirectory) {
@@ -194,7 +199,8 @@ TEST(RunAsUser, SwitchesCredentialsAndStaysInTheDirectory) {
 TEST(RunAsUser, ChangesIntoTheHomeDirectoryWhenAsked) {
   if (geteuid() != 0) GTEST_SKIP() << "switching users needs root";
   const Account daemon = account("daemon");
-  if (chdir(daemon.home.c_str()) != 0) GTEST_SKIP() << "daemon has no home here";
+  if (chdir(daemon.home.c_str()) != 0)
+    GTEST_SKIP() << "daemon has no home here";
   ASSERT_EQ(chdir("/"), 0);
   const ChildResult result = run_in_child([] {
     torvane::run_as_user("daemon", torvane::RUN_AS_CHDIR);
@@ -203,18 +209,19 @@ TEST(RunAsUser, ChangesIntoTheHomeDirectoryWhenAsked) {
   EXPECT_EQ(result.exit_status, 0);
   EXPECT_EQ(result.out, "uid " + std::to_string(daemon.uid) + " euid " +
                             std::to_string(daemon.uid) + " gid " +
-                            std::to_string(daemon.gid) + " cwd " + daemon.home + "\n");
+                            std::to_string(daemon.gid) + " cwd " + daemon.home +
+                            "\n");
 }
 
 TEST(RunAsUser, ReportsAHomeDirectoryThatCannotBeEntered) {
-  const ChildResult result = run_in_child([] {
-    torvane::run_as_user("nobody", torvane::RUN_AS_CHDIR);
-  });
+  const ChildResult result = run_in_child(
+      [] { torvane::run_as_user("nobody", torvane::RUN_AS_CHDIR); });
   const Account nobody = account("nobody");
-  if (access(nobody.home.c_str(), F_OK) == 0) GTEST_SKIP() << "nobody has a home here";
+  if (access(nobody.home.c_str(), F_OK) == 0)
+    GTEST_SKIP() << "nobody has a home here";
   EXPECT_EQ(result.exit_status, 1);
-  const std::string expected = "Cannot chdir to 'nobody' homedir '" + nobody.home +
-                               "'" + system_error(ENOENT) + "\n";
+  const std::string expected = "Cannot chdir to 'nobody' homedir '" +
+                               nobody.home + "'" + system_error(ENOENT) + "\n";
   EXPECT_EQ(result.err, expected);
   EXPECT_EQ(result.out, expected);
 }
@@ -230,7 +237,8 @@ TEST(RunAsUser, AllowsTheSuperuserWhenAsked) {
 }
 
 TEST(RunAsUser, FailsToInitGroupsWithoutTheRightToSwitch) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to drop to an ordinary user first";
+  if (geteuid() != 0)
+    GTEST_SKIP() << "needs root to drop to an ordinary user first";
   const ChildResult result = run_in_child([] {
     torvane::run_as_user("nobody", 0);
     errno = 0;

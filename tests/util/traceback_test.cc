@@ -33,7 +33,6 @@ std::string printed(const torvane::Traceback& traceback) {
   return out.str();
 }
 
-
 TEST(Traceback, CapturesAtMostElevenFrames) {
   const torvane::Traceback traceback(0);
   EXPECT_GT(traceback.frame_count(), 0u);
@@ -52,7 +51,9 @@ TEST(Traceback, PrintsOneTabIndentedLinePerFrame) {
 TEST(Traceback, DemanglesFunctionNames) {
   const std::string text = traceback_test::print_from_named_function();
   EXPECT_THAT(text, StartsWith("Traceback:\n"));
-  EXPECT_THAT(text, HasSubstr("(traceback_test::print_from_named_function[abi:cxx11]()+0x"));
+  EXPECT_THAT(
+      text,
+      HasSubstr("(traceback_test::print_from_named_function[abi:cxx11]()+0x"));
   EXPECT_THAT(text, ::testing::Not(HasSubstr("(_Z")));
 }
 
@@ -60,17 +61,21 @@ TEST(FrameDemangler, DemanglesTheNameBetweenParenthesisAndPlus) {
   torvane::FrameDemangler demangler;
   EXPECT_EQ(demangler.line("./prog(_ZN1a1bEv+0x12) [0x4005d2]"),
             "./prog(a::b()+0x12) [0x4005d2]");
-  EXPECT_EQ(demangler.line("./prog(_ZN9long_name15with_many_partsEi+0x1) [0x1]"),
-            "./prog(long_name::with_many_parts(int)+0x1) [0x1]");
+  EXPECT_EQ(
+      demangler.line("./prog(_ZN9long_name15with_many_partsEi+0x1) [0x1]"),
+      "./prog(long_name::with_many_parts(int)+0x1) [0x1]");
   EXPECT_EQ(demangler.line("./prog(_Z1fv+0x2) [0x2]"), "./prog(f()+0x2) [0x2]");
 }
 
 TEST(FrameDemangler, KeepsLinesWithoutADemanglableName) {
   torvane::FrameDemangler demangler;
   EXPECT_EQ(demangler.line("[0x4005d2]"), "[0x4005d2]");
-  EXPECT_EQ(demangler.line("./prog(+0x12) [0x4005d2]"), "./prog(+0x12) [0x4005d2]");
-  EXPECT_EQ(demangler.line("./prog(main+0x12) [0x1]"), "./prog(main+0x12) [0x1]");
-  EXPECT_EQ(demangler.line("./prog(_ZN1a1bEv) [0x1]"), "./prog(_ZN1a1bEv) [0x1]");
+  EXPECT_EQ(demangler.line("./prog(+0x12) [0x4005d2]"),
+            "./prog(+0x12) [0x4005d2]");
+  EXPECT_EQ(demangler.line("./prog(main+0x12) [0x1]"),
+            "./prog(main+0x12) [0x1]");
+  EXPECT_EQ(demangler.line("./prog(_ZN1a1bEv) [0x1]"),
+            "./prog(_ZN1a1bEv) [0x1]");
   EXPECT_EQ(demangler.line("./prog+0x1(x) [0x1]"), "./prog+0x1(x) [0x1]");
 }
 
