@@ -23,17 +23,21 @@ void request_listing(FtpClient& client, const std::filesystem::path& path,
   client.perform(path);
 }
 
+RemoteListing parse_listing(std::istream& body) {
+  RemoteListing listing;
+  for (std::string line; std::getline(body, line);)
+    listing.emplace_back(std::move(line));
+  return listing;
+}
+
 RemoteListing list_directory(FtpClient& client,
                              const std::filesystem::path& dir_path) {
-  RemoteListing listing;
   std::stringstream buffer;
   // Listing "dir/." makes the request enter "dir" before sending LIST.
   request_listing(client,
                   dir_path.filename() == "." ? dir_path : dir_path / ".", true,
                   buffer);
-  for (std::string line; std::getline(buffer, line);)
-    listing.emplace_back(std::move(line));
-  return listing;
+  return parse_listing(buffer);
 }
 
 RemoteEntry find_remote_entry(FtpClient& client,

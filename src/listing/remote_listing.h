@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <deque>
 #include <filesystem>
+#include <istream>
 #include <ostream>
 
 #include "ftp/ftp_client.h"
@@ -26,6 +27,12 @@ std::size_t write_to_stream(char* data, std::size_t size, std::size_t count,
 // into `sink` as it arrives.
 void request_listing(FtpClient& client, const std::filesystem::path& path,
                      bool long_format, std::ostream& sink);
+
+// Reads `body` line by line, split at line feeds (a carriage return stays in
+// its line; a last line without a line feed still counts), and parses each
+// line into an entry at the back of the listing. Throws on the first line
+// that does not parse.
+RemoteListing parse_listing(std::istream& body);
 
 // Lists `dir_path` (with "/." appended unless its file name is already ".")
 // and parses every line of the answer, split at line feeds.
