@@ -36,3 +36,5 @@ TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
   vsftpd curl
 )
+# What the fuzz targets need: clang with libFuzzer and the sanitizer runtimes.
+FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)

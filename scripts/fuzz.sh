@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang (AddressSanitizer and
+# UndefinedBehaviorSanitizer on) in build-fuzz/ and runs each of them for a
+# bounded time, two at a time. Fails on any crash, leak, sanitizer report or
+# unexpected exception, and leaves the reproducing input in
+# build-fuzz/artifacts/.
+#
+#   bash scripts/fuzz.sh [SECONDS [TARGET...]]
+#
+# SECONDS defaults to 60; TARGET is one of remote_entry, remote_listing, path,
+# request_url (default: all four). New inputs that the fuzzers find are kept
+# in build-fuzz/corpus/TARGET; the checked-in seeds in tests/fuzz/corpus are
+# only read. FUZZ_JOBS (default 2) is how many targets run at once.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/packages.sh
+
+seconds=${1:-60}
+shift || true
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=(remote_entry remote_listing path request_url)
+
+install_missing "${BUILD_PACKAGES[@]}" "${FUZZ_PACKAGES[@]}"
+
+CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRINDLE_FUZZ=ON \
+  -DBRINDLE_BUILD_TESTS=OFF >/dev/null
+cmake --build build-fuzz
+
+run_target() {
+  local target=$1
+  mkdir -p "build-fuzz/corpus/$target" build-fuzz/artifacts build-fuzz/logs
+  # A failed input ends the run: no -keep_going options.
+  "build-fuzz/tests/fuzz/${target}_fuzzer" \
+    -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    -max_len=16384 -print_final_stats=1 \
+    -dict="tests/fuzz/$target.dict" \
+    -artifact_prefix="build-fuzz/artifacts/$target-" \
+    "build-fuzz/corpus/$target" "tests/fuzz/corpus/$target" \
+    >"build-fuzz/logs/$target.log" 2>&1
+}
+
+failed=0
+pids=()
+names=()
+report() {
+  local target=$1 status=$2 log="build-fuzz/logs/$1.log"
+  local runs
+  runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+  if [ "$status" -eq 0 ]; then
+    echo "fuzz $target: ok, ${runs:-?} inputs in ${seconds}s"
+  else
+    echo "fuzz $target: FAILED (status $status); end of its log:"
+    tail -n 40 "$log"
+    ls build-fuzz/artifacts/"$target"-* 2>/dev/null || true
+    failed=1
+  fi
+}
+wait_oldest() {
+  local status=0
+  wait "${pids[0]}" || status=$?
+  report "${names[0]}" "$status"
+  pids=("${pids[@]:1}")
+  names=("${names[@]:1}")
+}
+for target in "${targets[@]}"; do
+  [ ${#pids[@]} -lt "${FUZZ_JOBS:-2}" ] || wait_oldest
+  run_target "$target" &
+  pids+=($!)
+  names+=("$target")
+done
+while [ ${#pids[@]} -gt 0 ]; do wait_oldest; done
+exit "$failed"
