@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang (AddressSanitizer and
 # UndefinedBehaviorSanitizer on) in build-fuzz/ and runs each of them for a
-# bounded time, two at a time. Fails on any crash, leak, sanitizer report or
+# bounded time. Fails on any crash, leak, sanitizer report or
 # unexpected exception, and leaves the reproducing input in
 # build-fuzz/artifacts/.
 #
