@@ -36,3 +36,8 @@ TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
   vsftpd curl
 )
+# What the manual page needs on top: scdoc renders it, man-db and groff
+# check it.
+PACKAGING_PACKAGES=(
+  scdoc man-db groff-base
+)
