@@ -36,8 +36,9 @@ TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
   vsftpd curl
 )
-# What the manual page needs on top: scdoc renders it, man-db and groff
-# check it.
+# What the manual page and the shell completion need on top: scdoc renders
+# the page, man-db and groff check it, bash-completion drives the completion
+# test.
 PACKAGING_PACKAGES=(
-  scdoc man-db groff-base
+  scdoc man-db groff-base bash-completion
 )
