@@ -36,9 +36,10 @@ TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
   vsftpd curl
 )
-# What the manual page and the shell completion need on top: scdoc renders
-# the page, man-db and groff check it, bash-completion drives the completion
-# test.
+# What the manual page, the shell completion and the Debian package need on
+# top: scdoc renders the page, man-db and groff check it, bash-completion
+# drives the completion test, dpkg-dev (dpkg-shlibdeps) and file let CPack
+# compute the package's dependencies, binutils (objdump) checks them.
 PACKAGING_PACKAGES=(
-  scdoc man-db groff-base bash-completion
+  scdoc man-db groff-base bash-completion dpkg-dev file binutils
 )
