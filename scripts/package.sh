@@ -102,6 +102,21 @@ for package in 'libcurl4' 'libboost-regex1\.[0-9.]+(-icu[0-9]+)?' \
     fail "does not depend on $package"
 done
 
+# A fresh machine: let apt resolve the package against an empty list of
+# installed packages, so that every dependency, and theirs, must come from
+# the archive.
+step "Resolving the dependencies for a machine with nothing installed"
+compgen -G '/var/lib/apt/lists/*_Packages*' >/dev/null || apt-get update -qq
+: >"$work/empty-status"
+if apt-get install -s --no-install-recommends \
+  -o Dir::State::status="$work/empty-status" "$deb" >"$work/fresh.log" 2>&1; then
+  fresh=$(awk '$1 == "Inst" { print $2 }' "$work/fresh.log")
+  ok "apt would install brindle with $(($(wc -l <<<"$fresh") - 1)) packages, among them $(
+    grep -E '^(libcurl4|libboost-)' <<<"$fresh" | paste -sd ' ' -)"
+else
+  fail "apt cannot install the package on an empty machine: $(tail -n 5 "$work/fresh.log")"
+fi
+
 # --- Install ----------------------------------------------------------------
 step "Installing $deb"
 # What apt is about to install besides brindle is what it pulls in: it is
