@@ -21,11 +21,12 @@ _brindle()
             # out because brindle refuses to run as it.
             local accounts
             accounts=$(getent passwd | awk -F: '$3 != 0 { print $1 }')
-            COMPREPLY=($(compgen -W "$accounts" -- "$cur"))
+            mapfile -t COMPREPLY < <(compgen -W "$accounts" -- "$cur")
             return
             ;;
         --passive-mode)
-            COMPREPLY=($(compgen -W '1 0 true false yes no on off' -- "$cur"))
+            mapfile -t COMPREPLY < <(compgen -W '1 0 true false yes no on off' \
+                -- "$cur")
             return
             ;;
         --host | --port | --login | --password | --retry | --retry-delay | \
@@ -49,8 +50,8 @@ _brindle()
     done
     [[ $cur == -* || -z $cur ]] || return
     if ((commands == 0)); then
-        COMPREPLY=($(compgen -W '--upload --download --remove --list
-            --help -h' -- "$cur"))
+        mapfile -t COMPREPLY < <(compgen -W '--upload --download --remove
+            --list --help -h' -- "$cur")
         return
     fi
     ((commands == 1)) || return
@@ -73,7 +74,7 @@ _brindle()
         done
         offered+=("$option")
     done
-    COMPREPLY=($(compgen -W "${offered[*]}" -- "$cur"))
+    mapfile -t COMPREPLY < <(compgen -W "${offered[*]}" -- "$cur")
 } &&
     complete -F _brindle brindle
 

@@ -30,6 +30,11 @@ fail() {
   echo "FAIL: $*"
   failures=$((failures + 1))
 }
+verify() {  # MESSAGE COMMAND...: MESSAGE as passed or failed, by COMMAND
+  local message=$1
+  shift
+  if "$@"; then ok "$message"; else fail "$message"; fi
+}
 
 # --- Build ----------------------------------------------------------------
 step "Building the package"
@@ -97,9 +102,8 @@ for library in $needed; do
 done
 for package in 'libcurl4' 'libboost-regex1\.[0-9.]+(-icu[0-9]+)?' \
   'libboost-program-options1\.[0-9.]+'; do
-  grep -qxE "$package" <<<"$depended" &&
-    ok "depends on $(grep -xE "$package" <<<"$depended")" ||
-    fail "does not depend on $package"
+  verify "depends on $package: $(grep -xE "$package" <<<"$depended" || true)" \
+    grep -qxE "$package" <<<"$depended"
 done
 
 # A fresh machine: let apt resolve the package against an empty list of
@@ -127,8 +131,8 @@ mapfile -t pulled_in < <(apt-get install -s --no-install-recommends "$deb" |
   echo "apt pulls in: ${pulled_in[*]} (removed again at the end)"
 DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
   "$deb" >"$work/apt.log" 2>&1 || { cat "$work/apt.log"; exit 1; }
-installed brindle && ok "brindle $(dpkg-query -W -f='${Version}' brindle) installed" ||
-  fail "brindle is not installed"
+verify "brindle $(dpkg-query -W -f='${Version}' brindle 2>/dev/null) installed" \
+  installed brindle
 
 # dpkg may be told to leave out paths (Debian's container images drop
 # /usr/share/man and /usr/share/doc this way); such files are in the package
@@ -166,44 +170,41 @@ done
 step "Running /usr/bin/brindle --help"
 /usr/bin/brindle --help >"$work/help.installed" && status=0 || status=$?
 build-deb/brindle --help >"$work/help.built"
-[ "$status" -eq 0 ] && ok "exit status 0" || fail "exit status $status"
-cmp -s "$work/help.installed" "$work/help.built" &&
-  ok "help text identical to the built program's ($(wc -l <"$work/help.installed") lines)" ||
-  fail "help text differs from the built program's"
+verify "exit status $status" [ "$status" -eq 0 ]
+verify "help text identical to the built program's ($(wc -l <"$work/help.installed") lines)" \
+  cmp -s "$work/help.installed" "$work/help.built"
 head -n 3 "$work/help.installed"
 ldd /usr/bin/brindle >"$work/ldd.txt"
-! grep -q 'not found' "$work/ldd.txt" && ok "every shared library resolves" ||
-  fail "unresolved libraries: $(grep 'not found' "$work/ldd.txt")"
+verify "every shared library resolves" \
+  [ "$(grep -c 'not found' "$work/ldd.txt")" -eq 0 ]
 
 step "Reading the manual page"
 export LC_ALL=C.UTF-8 MANWIDTH=80 MANPAGER=cat PAGER=cat
 if [ -f $page ]; then
   found=$(man -w brindle) && status=0 || status=$?
-  [ "$found" == "$page" ] && ok "man -w brindle: $found" ||
-    fail "man -w brindle: '$found' (status $status)"
+  verify "man -w brindle: '$found' (status $status)" [ "$found" == "$page" ]
   man brindle >"$work/page.txt" 2>"$work/page.err" || true
-  grep -q '^SECURITY$' "$work/page.txt" && [ ! -s "$work/page.err" ] &&
-    ok "man brindle: $(wc -l <"$work/page.txt") lines, nothing on stderr" ||
-    fail "man brindle: $(cat "$work/page.err")"
+  verify "man brindle: $(wc -l <"$work/page.txt") lines with SECURITY" \
+    grep -q '^SECURITY$' "$work/page.txt"
+  verify "man brindle: nothing on stderr $(cat "$work/page.err")" \
+    [ ! -s "$work/page.err" ]
   checked=$page
 else
   # Excluded on this machine: read the page that the package carries.
   checked=$work/root$page
   found=$(MANPATH=$work/root/usr/share/man man -w brindle) || true
-  [ "$found" == "$checked" ] && ok "man -w brindle in the package: $found" ||
-    fail "man -w brindle in the package: '$found'"
+  verify "man -w brindle in the package: '$found'" [ "$found" == "$checked" ]
 fi
 man --warnings -l "$checked" >/dev/null 2>"$work/warnings.txt" || true
-[ ! -s "$work/warnings.txt" ] && ok "man --warnings -l $checked: no warning" ||
-  fail "man --warnings: $(cat "$work/warnings.txt")"
+verify "man --warnings -l $checked: no warning $(cat "$work/warnings.txt")" \
+  [ ! -s "$work/warnings.txt" ]
 
 step "Loading the installed bash completion"
 registered=$(bash -c 'source /usr/share/bash-completion/bash_completion
   complete -p brindle 2>/dev/null && echo "loaded too early"
   __load_completion brindle && complete -p brindle') || true
-[ "$registered" == "complete -F _brindle brindle" ] &&
-  ok "bash-completion loads it on demand: $registered" ||
-  fail "completion not loaded: '$registered'"
+verify "bash-completion loads it on demand: '$registered'" \
+  [ "$registered" == "complete -F _brindle brindle" ]
 
 # --- Remove -----------------------------------------------------------------
 step "Removing the package"
@@ -215,11 +216,10 @@ done
 [ ${#remaining[@]} -eq 0 ] ||
   DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq "${remaining[@]}" \
     >/dev/null
-! installed brindle && ok "brindle is no longer installed" ||
-  fail "brindle is still installed"
+verify "brindle is no longer installed" eval '! installed brindle'
 for file in /usr/bin/brindle $page /usr/share/bash-completion/completions/brindle \
   /usr/share/doc/brindle; do
-  [ ! -e "$file" ] && ok "$file is gone" || fail "$file is still there"
+  verify "$file is gone" [ ! -e "$file" ]
 done
 
 echo

@@ -27,11 +27,10 @@ groff -ww -z -t -man -Tutf8 "$page" 2>"$work/groff.err" ||
 [ ! -s "$work/groff.err" ] || fail "groff -ww: $(cat "$work/groff.err")"
 
 # Sections, in order.
-expected_sections="NAME SYNOPSIS DESCRIPTION COMMANDS OPTIONS PATHS
-LISTING FORMATS ENVIRONMENT EXIT STATUS EXAMPLES SECURITY NOTES SEE ALSO"
-sections=$(grep -E '^[A-Z][A-Z ]+$' "$work/page.txt" | paste -sd ' ' -)
-[ "$sections" == "$(echo $expected_sections)" ] ||
-  fail "sections: $sections"
+expected_sections="NAME/SYNOPSIS/DESCRIPTION/COMMANDS/OPTIONS/PATHS/LISTING FORMATS"
+expected_sections+="/ENVIRONMENT/EXIT STATUS/EXAMPLES/SECURITY/NOTES/SEE ALSO"
+sections=$(grep -E '^[A-Z][A-Z ]+$' "$work/page.txt" | paste -sd / -)
+[ "$sections" == "$expected_sections" ] || fail "sections: $sections"
 
 # Lines of one section of the rendered page.
 section() {
