@@ -11,7 +11,7 @@ if [ "$(id -u)" -ne 0 ]; then
   echo "demo.sh: run as root (transfers switch to the account 'nobody')" >&2
   exit 1
 fi
-install_missing "${BUILD_PACKAGES[@]}" python3 python3-pyftpdlib
+install_missing "${BUILD_PACKAGES[@]}" scdoc python3 python3-pyftpdlib
 
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build >/dev/null

@@ -38,3 +38,10 @@ TEST_PACKAGES=(
 )
 # What the fuzz targets need: clang with libFuzzer and the sanitizer runtimes.
 FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
+# What the manual page, the shell completion and the Debian package need on
+# top: scdoc renders the page, man-db and groff check it, bash-completion
+# drives the completion test, dpkg-dev (dpkg-shlibdeps) and file let CPack
+# compute the package's dependencies, binutils (objdump) checks them.
+PACKAGING_PACKAGES=(
+  scdoc man-db groff-base bash-completion dpkg-dev file binutils
+)
