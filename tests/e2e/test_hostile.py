@@ -605,3 +605,240 @@ def test_malformed_reply_then_hang_up(brindle, scripted, command, reply):
     result = list_run(brindle, scripted, "/d/f")
 
     assert_control_closed(result, scripted, "/d/.")
+
+
+# ------------------------------------------- a directory inside itself
+
+def nested(base, name, depth):
+    return base + ("/" + name) * depth
+
+
+def first_too_long(base, name):
+    """How deep a chain of name below base gets before its path is too
+    long for the kernel: the depth at which creating it fails."""
+    depth = 0
+    while len(nested(base, name, depth).encode()) < PATH_MAX:
+        depth += 1
+    return depth
+
+
+def test_symlink_loop_in_a_followed_download(scripted, local):
+    # "/d/LLL... -> /d": each step finds /d again and creates one more
+    # directory level locally, until the local path is too long.
+    scripted.make_file("d/f", b"data")
+    scripted.make_symlink("d/" + LONG, "/d")
+    before = local.tree()
+
+    result = local.download(scripted, "/d", "sandbox/out", "--recursive",
+                            "--follow-symlinks")
+
+    depth = first_too_long("sandbox/out", LONG)
+    assert outcome(result) == (1, b"", (
+        "Unable to create directory '%s': File name too long\n"
+        % nested("sandbox/out", LONG, depth)).encode())
+    # The link comes first in each listing, so no file is reached; every
+    # level is a directory inside the target.
+    assert local.tree() == dict(before, **{
+        nested("sandbox/out", LONG, level): DIR for level in range(depth)})
+
+
+def test_server_listing_every_directory_inside_itself_download(scripted,
+                                                              local):
+    scripted.make_dir("d")
+    scripted.script({
+        "listings": {"/": raw_lines(unix_line("d", "d", 4096).encode())},
+        "every_listing": raw_lines(unix_line("d", LONG, 4096).encode(),
+                                   unix_line("-", "f", 4).encode())})
+    before = local.tree()
+
+    result = local.download(scripted, "/d", "sandbox/out", "--recursive")
+
+    depth = first_too_long("sandbox/out", LONG)
+    assert outcome(result) == (1, b"", (
+        "Unable to create directory '%s': File name too long\n"
+        % nested("sandbox/out", LONG, depth)).encode())
+    assert local.tree() == dict(before, **{
+        nested("sandbox/out", LONG, level): DIR for level in range(depth)})
+    # One listing per level that was created, each one level deeper.
+    lists = ftptest.named(scripted.commands(), "LIST")
+    assert len(lists) == 1 + depth
+
+
+def test_symlink_loop_is_removed_as_a_link(brindle, scripted):
+    scripted.make_file("d/f", b"data")
+    scripted.make_symlink("d/loop", "../d")
+    scripted.script({"listings": {"/d": raw_lines(
+        unix_line("l", "loop -> ../d", 4).encode(),
+        unix_line("-", "f", 4).encode())}})
+
+    result = remove_run(brindle, scripted, "/d", "--recursive")
+
+    assert outcome(result) == (0, b"", b"")
+    assert quote_commands(scripted) == [
+        ("NOOP", ""), ("DELE", "/d/loop"), ("DELE", "/d/f"), ("RMD", "/d")]
+    assert not os.path.lexists(str(scripted.path("d")))
+
+
+def test_server_listing_every_directory_inside_itself_removal(brindle,
+                                                             scripted):
+    """brindle does not stop this walk by itself: nothing in a listing tells
+    an endless tree from a deep one, and the removal collects the whole
+    tree before it deletes anything.  The walk goes deeper for as long as
+    it is left running; what matters here is that it deletes nothing."""
+    scripted.make_file("d/f", b"data")
+    scripted.script({
+        "listings": {"/": raw_lines(unix_line("d", "d", 4096).encode())},
+        "every_listing": raw_lines(unix_line("d", "sub", 4096).encode(),
+                                   unix_line("-", "f", 4).encode())})
+    argv = [brindle.path, "--remove", *scripted.args(), "--remote-path", "/d",
+            "--recursive"]
+    proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL,
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            env=brindle.environment(), cwd=str(brindle.workdir),
+                            start_new_session=True)
+    try:
+        time.sleep(3)
+        first = len(ftptest.named(scripted.commands(), "LIST"))
+        time.sleep(1)
+        second = len(ftptest.named(scripted.commands(), "LIST"))
+        still_running = proc.poll() is None
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+        out, err = proc.communicate(timeout=TIMEOUT)
+
+    assert still_running, (proc.returncode, out, err)
+    assert second > first > 10
+    assert (out, err) == (b"", b"")
+    assert quote_commands(scripted) == []
+    assert scripted.path("d/f").read_bytes() == b"data"
+
+
+# ----------------------------------- names with control characters and bytes
+
+# Names a server may send, each with a byte that is no plain printable
+# ASCII: a tab, bytes that are not UTF-8, other control characters, DEL.
+ODD_NAMES = [b"a\tb", b"t\t", b"caf\xe9", b"ff\xff\xfe", b"x\x01y",
+             b"e\x1b[31m", b"v\x0bw", b"p\x0cq", b"d\x7f"]
+ODD_IDS = ["tab", "trailing-tab", "latin-1", "not-utf-8", "SOH", "escape",
+           "vertical-tab", "form-feed", "DEL"]
+
+
+def odd_listing(names=ODD_NAMES):
+    return raw_lines(*[unix_line("-", name, 4) for name in names])
+
+
+def test_odd_names_pass_through_contents_listings(brindle, scripted):
+    scripted.make_dir("d")
+    scripted.script({"listings": {"/d": odd_listing()},
+                     "nlst": {"/d": raw_lines(*ODD_NAMES)}})
+
+    assert outcome(list_run(brindle, scripted, "/d/.")) == (
+        0, b"".join(name + b"\n" for name in ODD_NAMES), b"")
+    assert outcome(list_run(brindle, scripted, "/d/.", "--long-listing")) == (
+        0, b"".join(unix_line("-", name, 4) + b"\n" for name in ODD_NAMES),
+        b"")
+
+
+@pytest.mark.parametrize("name", ODD_NAMES, ids=ODD_IDS)
+def test_odd_name_is_found_and_printed(brindle, scripted, name):
+    scripted.make_dir("d")
+    scripted.script({"listings": {"/d": odd_listing()}})
+
+    assert outcome(list_run(brindle, scripted, b"/d/" + name)) == (
+        0, name + b"\n", b"")
+    assert outcome(list_run(brindle, scripted, b"/d/" + name,
+                            "--long-listing")) == (
+        0, unix_line("-", name, 4) + b"\n", b"")
+
+
+def test_carriage_return_inside_a_name_splits_the_line(brindle, scripted):
+    # libcurl turns a lone carriage return in a listing into a line feed.
+    scripted.make_dir("d")
+    scripted.script({"listings": {"/d": raw_lines(
+        unix_line("-", b"a\rb", 4), unix_line("-", b"c", 4))},
+        "nlst": {"/d": raw_lines(b"a\rb", b"c")}})
+
+    assert outcome(list_run(brindle, scripted, "/d/.")) == (
+        0, b"a\nb\nc\n", b"")
+    assert outcome(list_run(brindle, scripted, "/d/c")) == (
+        1, b"", b"Unable to parse FTP LIST output 'b'\n")
+    # A line that the split leaves whole-looking parses as two entries.
+    scripted.script({"listings": {"/d": raw_lines(
+        unix_line("-", b"x\r" + unix_line("-", b"y", 4), 4))}})
+    assert outcome(list_run(brindle, scripted, "/d/y", "--long-listing")) == (
+        0, unix_line("-", b"y", 4) + b"\n", b"")
+
+
+def put_odd_files(server, names):
+    for name in names:
+        path = server.path("d") / os.fsdecode(name)
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(b"<" + name + b">")
+
+
+@pytest.mark.parametrize("name", [b"caf\xe9", b"ff\xff\xfe", b"d\x7f",
+                                  b"sp ace"], ids=["latin-1", "not-utf-8",
+                                                   "DEL", "blank"])
+def test_download_of_a_name_with_printable_odd_bytes(scripted, local, name):
+    put_odd_files(scripted, [name])
+    scripted.script({"listings": {"/d": odd_listing([name])}})
+    before = local.tree()
+
+    result = local.download(scripted, b"/d/" + name, "sandbox/.")
+
+    assert outcome(result) == (0, b"", b"")
+    assert local.tree() == dict(before, **{
+        os.fsdecode(b"sandbox/" + name): b"<" + name + b">"})
+
+
+@pytest.mark.parametrize("name,escaped", [
+    (b"a\tb", "a%09b"), (b"x\x01y", "x%01y"), (b"e\x1b[31m", "e%1B%5B31m"),
+    (b"v\x0bw", "v%0Bw"),
+], ids=["tab", "SOH", "escape", "vertical-tab"])
+def test_download_of_a_name_with_control_characters(scripted, local, name,
+                                                     escaped):
+    # libcurl refuses a URL path with control characters in it; the local
+    # file has been opened before the request and stays, empty.
+    put_odd_files(scripted, [name])
+    scripted.script({"listings": {"/d": odd_listing([name])}})
+    before = local.tree()
+
+    result = local.download(scripted, b"/d/" + name, "sandbox/.")
+
+    assert outcome(result) == (1, b"", request_failure(
+        scripted, "/d/" + escaped, "path contains control characters"))
+    assert local.tree() == dict(before, **{
+        os.fsdecode(b"sandbox/" + name): b""})
+    assert ftptest.named(scripted.commands(), "RETR") == []
+
+
+def test_recursive_download_stops_at_the_first_control_character(scripted,
+                                                                 local):
+    names = [b"caf\xe9", b"d\x7f", b"a\tb", b"never"]
+    put_odd_files(scripted, names)
+    scripted.script({"listings": {"/d": odd_listing(names)}})
+    before = local.tree()
+
+    result = local.download(scripted, "/d", "sandbox/out", "--recursive")
+
+    assert outcome(result) == (1, b"", request_failure(
+        scripted, "/d/a%09b", "path contains control characters"))
+    assert local.tree() == dict(before, **{
+        "sandbox/out": DIR,
+        os.fsdecode(b"sandbox/out/caf\xe9"): b"<caf\xe9>",
+        "sandbox/out/d\x7f": b"<d\x7f>",
+        "sandbox/out/a\tb": b""})
+
+
+def test_recursive_removal_sends_odd_names_as_they_are(brindle, scripted):
+    put_odd_files(scripted, ODD_NAMES)
+    scripted.script({"listings": {"/d": odd_listing()}})
+
+    result = remove_run(brindle, scripted, "/d", "--recursive")
+
+    assert outcome(result) == (0, b"", b"")
+    assert quote_commands(scripted) == [("NOOP", "")] + [
+        ("DELE", "/d/" + os.fsdecode(name)) for name in ODD_NAMES] + [
+        ("RMD", "/d")]
+    assert not os.path.lexists(str(scripted.path("d")))
