@@ -71,10 +71,10 @@ def assert_control_closed(result, server, path, stdout=b""):
     """The request for path failed because the server hung up where a
     reply was due; stdout is what was printed before."""
     assert (result.status, result.stdout) == (1, stdout), result
-    head, _, tail = request_failure(server, path, "").rpartition(b"\n")
+    head = request_failure(server, path, "")[:-1]
     assert result.stderr.startswith(head), result
-    assert CONTROL_CLOSED.fullmatch(result.stderr[len(head):-1]), result
     assert result.stderr.endswith(b"\n"), result
+    assert CONTROL_CLOSED.fullmatch(result.stderr[len(head):-1]), result
 
 
 def outcome(result):
@@ -694,8 +694,8 @@ def test_server_listing_every_directory_inside_itself_removal(brindle,
             "--recursive"]
     proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL,
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                            env=brindle.environment(), cwd=str(brindle.workdir),
-                            start_new_session=True)
+                            env=brindle.environment(),
+                            cwd=str(brindle.workdir), start_new_session=True)
     try:
         time.sleep(3)
         first = len(ftptest.named(scripted.commands(), "LIST"))
