@@ -173,6 +173,22 @@ def test_control_connection_dropped_during_entry_lookup(brindle, scripted):
     assert_control_closed(result, scripted, "/d/.")
 
 
+def test_control_connection_dropped_during_a_removal_walk(brindle,
+                                                          scripted):
+    # The server hangs up when the walk enters a subdirectory: nothing has
+    # been deleted.
+    scripted.make_file("d/a.txt", b"a")
+    scripted.make_file("d/sub/b.txt", b"b")
+    scripted.script({"drop": [{"command": "CWD", "arg": "sub"}]})
+
+    result = remove_run(brindle, scripted, "/d", "--recursive")
+
+    assert_control_closed(result, scripted, "/d/sub/.")
+    assert quote_commands(scripted) == []
+    assert scripted.path("d/a.txt").exists()
+    assert scripted.path("d/sub/b.txt").exists()
+
+
 def test_control_connection_dropped_during_download(scripted, local):
     data = bytes(range(256)) * 400
     scripted.make_file("d/big.bin", data)
