@@ -8,10 +8,23 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 class CommandList {
  public:
-  // Appends one command line; throws std::bad_alloc when the library cannot.
+  CommandList() = default;
+  // A moved-from list is empty and may be appended to again.
+  CommandList(CommandList&& other) noexcept
+      : head_(std::move(other.head_)),
+        tail_(std::exchange(other.tail_, nullptr)) {}
+  CommandList& operator=(CommandList&& other) noexcept {
+    head_ = std::move(other.head_);
+    tail_ = std::exchange(other.tail_, nullptr);
+    return *this;
+  }
+
+  // Appends one command line in constant time; throws std::bad_alloc when the
+  // library cannot.
   void append(const std::string& command);
 
   // The head of the list (null while empty), owned by this object.
@@ -22,6 +35,9 @@ class CommandList {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
   };
   std::unique_ptr<curl_slist, Deleter> head_;
+  // The last node of the list (null while empty), so that an append does not
+  // walk the whole list as the library's own append does.
+  curl_slist* tail_ = nullptr;
 };
 
 #endif  // BRINDLE_FTP_COMMAND_LIST_H_

@@ -6,9 +6,11 @@ with a JSON "script" that can override or break parts of the protocol:
 
   {
     "listings": {"/dir": ANSWER, ...},   # LIST answer for a directory
+    "every_listing": ANSWER,             # LIST answer for any other directory
     "nlst":     {"/dir": ANSWER, ...},   # NLST answer for a directory
     "failures": [{"command": "LIST", "arg": "x", "reply": "450 Busy",
-                  "times": 1, "close": false, "delay": 0.0}, ...],
+                  "times": 1, "close": false, "delay": 0.0,
+                  "then_run": false}, ...],
     "drop":     [{"command": "RETR", "arg": "x", "after_bytes": 100,
                   "times": 1, "reset": false}, ...],
     "refuse_connections": 2,
@@ -28,7 +30,13 @@ Failure rules answer the first "times" matching commands (every one when
 "times" is missing) with "reply" instead of running them; "reply_b64" sends
 raw bytes with no line end added instead, to imitate broken servers.
 "close" closes the control connection after the reply; "delay" waits that
-many seconds before replying.
+many seconds before replying.  "then_run" sends the reply (or the raw bytes)
+at once and then runs the command as usual, so that its own reply follows:
+extra lines in front of a real answer.
+
+"every_listing" answers LIST in every directory that "listings" does not
+name, whether it exists or not, and lets the client change into any
+directory: a server whose tree never ends.
 
 Drop rules make the server vanish: for a data transfer command (LIST, NLST,
 MLSD, RETR, STOR, APPE, STOU) it moves "after_bytes" bytes over the data
@@ -156,6 +164,7 @@ class Script(object):
                          for k, v in data.get("listings", {}).items()}
         self.nlst = {normalise_virtual(k): v
                      for k, v in data.get("nlst", {}).items()}
+        self.every_listing = data.get("every_listing")
         self.failures = [Rule(r) for r in data.get("failures", [])]
         self.drops = [Rule(r) for r in data.get("drop", [])]
         self.refuse_left = int(data.get("refuse_connections", 0))
@@ -325,6 +334,9 @@ class ScriptedHandler(FTPHandler):
                 return
 
         failure = self.script.first_rule(self.script.failures, cmd, arg)
+        if failure is not None and failure.get("then_run"):
+            self._answer_failure(failure)
+            failure = None
         if failure is not None:
             delay = float(failure.get("delay", 0) or 0)
             if delay > 0:
@@ -375,15 +387,16 @@ class ScriptedHandler(FTPHandler):
     def _virtual(self, fspath):
         return normalise_virtual(self.fs.fs2ftp(fspath))
 
-    def _scripted_transfer(self, table, path, cmd):
-        answer = table.get(self._virtual(path))
+    def _scripted_transfer(self, table, path, cmd, default=None):
+        answer = table.get(self._virtual(path), default)
         if answer is None:
             return False
         self.push_dtp_data(listing_body(answer), cmd=cmd)
         return True
 
     def ftp_LIST(self, path):
-        if self._scripted_transfer(self.script.listings, path, "LIST"):
+        if self._scripted_transfer(self.script.listings, path, "LIST",
+                                   self.script.every_listing):
             return path
         return FTPHandler.ftp_LIST(self, path)
 
@@ -398,6 +411,11 @@ class ScriptedHandler(FTPHandler):
         if not os.path.isdir(path) and virtual in self.script.virtual_dirs():
             self.fs.cwd = virtual
             self.respond('250 "%s" is the current directory.' % virtual)
+            return path
+        if not os.path.isdir(path) and self.script.every_listing is not None:
+            # A fixed reply, as most servers give, however deep the path.
+            self.fs.cwd = virtual
+            self.respond("250 Directory successfully changed.")
             return path
         return FTPHandler.ftp_CWD(self, path)
 
