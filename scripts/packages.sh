@@ -36,3 +36,10 @@ TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
   vsftpd curl
 )
+# What the compatibility matrix needs on top: the runtime libraries of the
+# ProFTPD and Pure-FTPd binaries that scripts/ftp-servers.sh unpacks (the
+# daemons themselves conflict with vsftpd as packages and are not installed).
+COMPAT_PACKAGES=(
+  libhiredis0.14 libmemcached11 libmemcachedutil2 libpcre2-posix3
+  libsodium23 libcap2 libacl1 libssl3 libpam0g libcrypt1
+)

@@ -8,6 +8,7 @@ cd "$(dirname "$0")/.."
 source scripts/packages.sh
 
 install_missing "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+bash scripts/ftp-servers.sh
 
 rm -rf build
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
