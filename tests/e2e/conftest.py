@@ -163,15 +163,15 @@ def _require_daemon(kind):
 def start_server(request):
     """start_server(kind, options=()) starts and returns a server of kind
     "scripted", "vsftpd", "proftpd" or "pureftpd" (options: extra
-    ProFTPD configuration lines or Pure-FTPd switches); the caller stops
-    it."""
+    vsftpd settings, ProFTPD configuration lines or Pure-FTPd switches);
+    the caller stops it."""
     def start(kind, options=()):
         if kind == "scripted":
             return ftptest.ScriptedServer().start()
         _require_daemon(kind)
         account = request.getfixturevalue("local_account")
         if kind == "vsftpd":
-            return ftptest.VsftpdServer(account).start()
+            return ftptest.VsftpdServer(account, options).start()
         if kind == "proftpd":
             return ftptest.ProftpdServer(account, options).start()
         return ftptest.PureftpdServer(account, options).start()

@@ -680,9 +680,11 @@ class VsftpdServer(FtpServer):
 
     kind = "vsftpd"
 
-    def __init__(self, account):
+    def __init__(self, account, options=()):
         FtpServer.__init__(self, account.name, account.password)
         self.account = account
+        # Extra "name=value" settings, after (and so over) the usual ones.
+        self.options = list(options)
         self.proc = None
         self._adopting = False
 
@@ -720,7 +722,8 @@ class VsftpdServer(FtpServer):
             # which is plain pam_unix.
             ("pam_service_name", "brindle-e2e-none"),
         ]
-        return "".join("%s=%s\n" % kv for kv in settings)
+        return "".join(["%s=%s\n" % kv for kv in settings] +
+                       [option + "\n" for option in self.options])
 
     def start(self, timeout=10.0, attempts=3):
         _Adoption.acquire()
