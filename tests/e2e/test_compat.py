@@ -11,8 +11,8 @@ what each server sends and what brindle makes of it.
 
 Some server settings make LIST lines that brindle's LIST pattern rejects;
 for those configurations the expected outcome is the exact "Unable to
-parse FTP LIST output '<line>'" failure (see the Rejected* tests at the
-end).
+parse FTP LIST output '<line>'" failure (see the test_variant_* tests at
+the end).
 
 Each test records what scripts/compatibility.py needs for
 docs/compatibility.md as junit properties: the server and mode, the
