@@ -45,3 +45,10 @@ FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 PACKAGING_PACKAGES=(
   scdoc man-db groff-base bash-completion dpkg-dev file binutils
 )
+# What the compatibility matrix needs on top: the runtime libraries of the
+# ProFTPD and Pure-FTPd binaries that scripts/ftp-servers.sh unpacks (the
+# daemons themselves conflict with vsftpd as packages and are not installed).
+COMPAT_PACKAGES=(
+  libhiredis0.14 libmemcached11 libmemcachedutil2 libpcre2-posix3
+  libsodium23 libcap2 libacl1 libssl3 libpam0g libcrypt1
+)

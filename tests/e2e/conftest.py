@@ -4,6 +4,9 @@
   scripted       a scriptable pyftpdlib server (servers/scripted_ftpd.py)
   scripted_factory  starts more scripted servers, e.g. with other logins
   vsftpd         a real vsftpd, logging in a throwaway local account
+  proftpd        ProFTPD 1.3.8 (unpacked by scripts/ftp-servers.sh), likewise
+  pureftpd       Pure-FTPd 1.0.50 (unpacked likewise), likewise
+  start_server   starts any of the four kinds, for wider-scoped fixtures
   local_account  that throwaway account (session-wide; needs root)
   any_server     each of scripted/vsftpd in passive and active mode
 """
@@ -128,6 +131,65 @@ def vsftpd(request):
         _skip("%s is missing (apt-get install vsftpd)" % ftptest.VSFTPD)
     account = request.getfixturevalue("local_account")
     server = ftptest.VsftpdServer(account).start()
+    try:
+        yield server
+    finally:
+        server.stop()
+
+
+# ------------------------------------------- ProFTPD, Pure-FTPd, and any
+
+_DAEMONS = {
+    "vsftpd": (ftptest.VSFTPD, "apt-get install vsftpd"),
+    "proftpd": (ftptest.PROFTPD, "run scripts/ftp-servers.sh"),
+    "pureftpd": (ftptest.PURE_FTPD, "run scripts/ftp-servers.sh"),
+}
+
+
+def _require_daemon(kind):
+    """Skip (fail under CI, where every server must run) unless the
+    daemon of this kind can run here."""
+    if os.geteuid() != 0:
+        _skip("vsftpd and the local test account need root")
+    binary, remedy = _DAEMONS[kind]
+    if not os.path.exists(str(binary)):
+        reason = "%s is missing (%s)" % (binary, remedy)
+        if os.environ.get("CI") == "true" and kind != "vsftpd":
+            pytest.fail("CI: " + reason)
+        _skip(reason)
+
+
+@pytest.fixture(scope="session")
+def start_server(request):
+    """start_server(kind, options=()) starts and returns a server of kind
+    "scripted", "vsftpd", "proftpd" or "pureftpd" (options: extra
+    vsftpd settings, ProFTPD configuration lines or Pure-FTPd switches);
+    the caller stops it."""
+    def start(kind, options=()):
+        if kind == "scripted":
+            return ftptest.ScriptedServer().start()
+        _require_daemon(kind)
+        account = request.getfixturevalue("local_account")
+        if kind == "vsftpd":
+            return ftptest.VsftpdServer(account, options).start()
+        if kind == "proftpd":
+            return ftptest.ProftpdServer(account, options).start()
+        return ftptest.PureftpdServer(account, options).start()
+    return start
+
+
+@pytest.fixture
+def proftpd(start_server):
+    server = start_server("proftpd")
+    try:
+        yield server
+    finally:
+        server.stop()
+
+
+@pytest.fixture
+def pureftpd(start_server):
+    server = start_server("pureftpd")
     try:
         yield server
     finally:

@@ -10,6 +10,7 @@ import json
 import os
 import re
 import secrets
+import select
 import shutil
 import signal
 import socket
@@ -17,6 +18,7 @@ import string
 import stat
 import subprocess
 import tempfile
+import threading
 import time
 from pathlib import Path
 
@@ -678,9 +680,11 @@ class VsftpdServer(FtpServer):
 
     kind = "vsftpd"
 
-    def __init__(self, account):
+    def __init__(self, account, options=()):
         FtpServer.__init__(self, account.name, account.password)
         self.account = account
+        # Extra "name=value" settings, after (and so over) the usual ones.
+        self.options = list(options)
         self.proc = None
         self._adopting = False
 
@@ -718,7 +722,8 @@ class VsftpdServer(FtpServer):
             # which is plain pam_unix.
             ("pam_service_name", "brindle-e2e-none"),
         ]
-        return "".join("%s=%s\n" % kv for kv in settings)
+        return "".join(["%s=%s\n" % kv for kv in settings] +
+                       [option + "\n" for option in self.options])
 
     def start(self, timeout=10.0, attempts=3):
         _Adoption.acquire()
@@ -785,3 +790,292 @@ class VsftpdServer(FtpServer):
 
     def commands(self):
         return parse_vsftpd_commands(self.log_text())
+
+
+# ------------------------------------------- servers unpacked, not installed
+
+# ProFTPD and Pure-FTPd conflict with vsftpd as Debian packages, so
+# scripts/ftp-servers.sh unpacks them into this folder instead.
+SERVER_CACHE = Path(os.environ.get("BRINDLE_FTP_SERVERS",
+                                   "/var/cache/brindle-tests/servers"))
+PROFTPD = SERVER_CACHE / "usr" / "sbin" / "proftpd"
+PURE_FTPD = SERVER_CACHE / "usr" / "sbin" / "pure-ftpd"
+PURE_PW = SERVER_CACHE / "usr" / "bin" / "pure-pw"
+
+
+def sha512_crypt(password):
+    """A SHA-512 crypt(3) hash: the daemons' own defaults (argon2 for
+    pure-pw) cost seconds per login."""
+    import warnings
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", DeprecationWarning)
+        import crypt
+    return crypt.crypt(password, crypt.mksalt(crypt.METHOD_SHA512))
+
+
+class _DaemonServer(FtpServer):
+    """A real FTP daemon serving a temporary root as the throwaway local
+    account, in the foreground, stopped by pid.  Subclasses write their
+    configuration and give the command line."""
+
+    daemon = None           # path of the binary
+
+    def __init__(self, account, options=()):
+        FtpServer.__init__(self, account.name, account.password)
+        self.account = account
+        # Extra configuration: lines for ProFTPD, switches for Pure-FTPd.
+        self.options = list(options)
+        self.proc = None
+
+    def _own(self, path):
+        self.account.chown(path)
+
+    def prepare(self):
+        """Write the configuration files for self.port."""
+        raise NotImplementedError
+
+    def argv(self):
+        raise NotImplementedError
+
+    def start(self, timeout=10.0, attempts=3):
+        # Session helpers (Pure-FTPd's privilege separation process) can
+        # outlive their parent: adopt and reap them here.
+        _Adoption.acquire()
+        self._adopting = True
+        self.tmp = make_temp_dir(self.kind)
+        self.root = self.tmp / "root"
+        self.root.mkdir()
+        self._own(self.root)
+        self.log_path = self.tmp / "commands.log"
+        self.output_path = self.tmp / "daemon.out"
+        for attempt in range(attempts):
+            self.port = free_port()
+            self.prepare()
+            with open(str(self.output_path), "wb") as out:
+                self.proc = subprocess.Popen(
+                    self.argv(), stdin=subprocess.DEVNULL, stdout=out,
+                    stderr=out, start_new_session=True)
+            deadline = time.monotonic() + timeout
+            while not is_listening(self.port):
+                if self.proc.poll() is not None or time.monotonic() > deadline:
+                    break
+                time.sleep(0.02)
+            if is_listening(self.port) and self.proc.poll() is None:
+                return self
+            output = self.output_text()
+            self._stop_processes()
+            # Someone else may have taken the port in between: try another.
+            if "in use" not in output or attempt == attempts - 1:
+                self.stop()
+                raise RuntimeError("%s did not start:\n%s" % (self.kind,
+                                                             output))
+        return self
+
+    def output_text(self):
+        try:
+            return self.output_path.read_text(errors="replace")
+        except (OSError, AttributeError):
+            return ""
+
+    def _stop_processes(self):
+        if self.proc is not None:
+            stop_process(self.proc)
+            self.proc = None
+
+    def stop(self):
+        self._stop_processes()
+        if getattr(self, "_adopting", False):
+            reap_adopted(os.path.basename(str(self.daemon)))
+            _Adoption.release()
+            self._adopting = False
+        remove_tree(self.tmp)
+        self.tmp = None
+
+    def wait_idle(self, timeout=5.0):
+        """Wait until every session process has ended, so that the last
+        session's commands are in the log."""
+        deadline = time.monotonic() + timeout
+        while self.proc is not None and _children(self.proc.pid):
+            if time.monotonic() > deadline:
+                return False
+            time.sleep(0.01)
+        return True
+
+    def version(self):
+        raise NotImplementedError
+
+
+class ProftpdServer(_DaemonServer):
+    """ProFTPD, authenticating the local account from its own user file
+    and logging every command with ExtendedLog."""
+
+    kind = "proftpd"
+    daemon = PROFTPD
+
+    def prepare(self):
+        import grp
+        group = grp.getgrgid(self.account.gid).gr_name
+        users = self.tmp / "passwd"
+        groups = self.tmp / "group"
+        users.write_text("%s:%s:%d:%d::%s:/bin/sh\n" % (
+            self.account.name, sha512_crypt(self.password), self.account.uid,
+            self.account.gid, self.root))
+        users.chmod(0o600)
+        groups.write_text("%s:x:%d:%s\n" % (group, self.account.gid,
+                                             self.account.name))
+        lines = [
+            'ServerType standalone',
+            'ServerName "brindle e2e"',
+            'Port %d' % self.port,
+            'DefaultAddress %s' % HOST,
+            'SocketBindTight on',
+            'UseIPv6 off',
+            'User nobody',
+            'Group nogroup',
+            'PidFile %s' % (self.tmp / "proftpd.pid"),
+            'ScoreboardFile %s' % (self.tmp / "proftpd.scoreboard"),
+            'DelayEngine off',
+            'WtmpLog off',
+            'UseReverseDNS off',
+            'TransferLog NONE',
+            'AuthOrder mod_auth_file.c',
+            'AuthUserFile %s' % users,
+            'AuthGroupFile %s' % groups,
+            'RequireValidShell off',
+            'DefaultRoot ~',
+            'AllowOverwrite on',
+            'Umask 022',
+            'LogFormat commands "%r"',
+            'ExtendedLog %s ALL commands' % self.log_path,
+        ] + self.options
+        self.conf_path = self.tmp / "proftpd.conf"
+        self.conf_path.write_text("".join(line + "\n" for line in lines))
+
+    def argv(self):
+        return [str(PROFTPD), "-n", "-c", str(self.conf_path)]
+
+    def commands(self):
+        # One "%r" a line: the request exactly as received, except that
+        # PASS reads "PASS (hidden)".
+        result = []
+        for line in self.log_text().splitlines():
+            cmd, _, arg = line.partition(" ")
+            result.append((cmd.upper(), arg))
+        return result
+
+    def version(self):
+        done = subprocess.run([str(PROFTPD), "-v"], stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT)
+        return done.stdout.decode(errors="replace").strip()
+
+
+# Runs a program with its own /dev holding a "log" socket of ours, so that
+# a daemon that can only log to syslog logs to the test instead (the
+# machine may have no syslog daemon, and /dev/log is not ours to make).
+_PRIVATE_DEVLOG = r'''
+set -eu
+tmp=$1; sock=$2; shift 2
+mkdir -p "$tmp/realdev"
+mount --bind /dev "$tmp/realdev"
+mount -t tmpfs -o mode=755 devlog "/dev"
+for node in null zero full random urandom tty; do
+  : >"/dev/$node"
+  mount --bind "$tmp/realdev/$node" "/dev/$node"
+done
+ln -s "$sock" /dev/log
+exec "$@"
+'''
+
+_PURE_COMMAND = re.compile(r"\[DEBUG\] Command \[([^\]]*)\] \[(.*)\]$")
+
+
+class PureftpdServer(_DaemonServer):
+    """Pure-FTPd, authenticating the local account from its own PureDB
+    file and logging every command (-d) to a syslog socket of the test's."""
+
+    kind = "pureftpd"
+    daemon = PURE_FTPD
+
+    def start(self, timeout=10.0, attempts=3):
+        self._messages = []
+        self._syslog = None
+        self._lock = threading.Lock()
+        self._reader = None
+        return _DaemonServer.start(self, timeout, attempts)
+
+    def prepare(self):
+        users = self.tmp / "pureftpd.passwd"
+        users.write_text("%s:%s:%d:%d::%s/./::::::::::::\n" % (
+            self.account.name, sha512_crypt(self.password), self.account.uid,
+            self.account.gid, self.root))
+        self.db_path = self.tmp / "pureftpd.pdb"
+        done = subprocess.run([str(PURE_PW), "mkdb", str(self.db_path), "-f",
+                               str(users)], stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT)
+        if done.returncode != 0:
+            raise RuntimeError("pure-pw mkdb failed: " + done.stdout.decode(
+                errors="replace"))
+        if self._syslog is None:
+            self.socket_path = self.tmp / "syslog.sock"
+            self._syslog = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+            self._syslog.bind(str(self.socket_path))
+            self._syslog.setblocking(False)
+            os.chmod(str(self.socket_path), 0o666)
+            # A datagram socket queues only a few messages (10 by default)
+            # before the daemon's syslog() blocks: keep reading.
+            self._reader = threading.Thread(target=self._read_forever,
+                                            daemon=True)
+            self._reader.start()
+
+    def argv(self):
+        return (["unshare", "--mount", "sh", "-c", _PRIVATE_DEVLOG, "sh",
+                 str(self.tmp), str(self.socket_path), str(PURE_FTPD),
+                 "-S", "%s,%d" % (HOST, self.port), "-l",
+                 "puredb:%s" % self.db_path, "-E", "-H", "-A", "-u", "1",
+                 "-d"] + self.options)
+
+    def stop(self):
+        _DaemonServer.stop(self)
+        sock, self._syslog = getattr(self, "_syslog", None), None
+        if self._reader is not None:
+            self._reader.join()
+            self._reader = None
+        if sock is not None:
+            sock.close()
+
+    def _read_forever(self):
+        while self._syslog is not None:
+            select.select([self._syslog], [], [], 0.05)
+            self._drain()
+
+    def _drain(self):
+        with self._lock:
+            sock = self._syslog
+            while sock is not None:
+                try:
+                    data = sock.recv(65536)
+                except (BlockingIOError, OSError):
+                    return
+                self._messages.append(
+                    data.decode("utf-8", "surrogateescape"))
+
+    def log_text(self):
+        """The syslog messages so far, one a line.  Every command is sent
+        before its reply, so a finished client's commands are all here."""
+        self._drain()
+        return "".join(m.rstrip("\n") + "\n" for m in self._messages)
+
+    def commands(self):
+        # Pure-FTPd logs the command word in lower case and PASS as
+        # "<*>".
+        result = []
+        for line in self.log_text().splitlines():
+            m = _PURE_COMMAND.search(line)
+            if m:
+                result.append((m.group(1).upper(), m.group(2)))
+        return result
+
+    def version(self):
+        done = subprocess.run([str(PURE_FTPD), "--help"],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        return done.stdout.decode(errors="replace").splitlines()[0].strip()

@@ -232,3 +232,56 @@ def test_servers_stop_with_sessions_still_open(scripted_factory, request):
         assert not tmp.exists()
         with pytest.raises(OSError):
             socket.create_connection((server.host, server.port), timeout=1)
+
+
+@pytest.mark.parametrize("kind", ["proftpd", "pureftpd"])
+@pytest.mark.parametrize("passive", [True, False], ids=["passive", "active"])
+def test_unpacked_daemons_log_in_serve_and_log(request, local_account, kind,
+                                               passive):
+    server = request.getfixturevalue(kind)
+    server.passive = passive
+    server.make_file("hello.txt", b"hello\n", mtime=1262304000)
+    upload = server.tmp / "upload-src"
+    upload.write_bytes(b"uploaded\n")
+
+    listed = server.curl("/")
+    got = server.curl("/hello.txt")
+    put = server.curl("/sub/new.txt", "-T", str(upload), "--ftp-create-dirs")
+    sessions = [ftp_session(server) for _ in range(12)]
+    for ftp in sessions:
+        ftp.quit()
+    server.wait_idle()
+
+    assert listed.status == 0, listed
+    assert listed.stdout.endswith(b"Jan  1  2010 hello.txt\n")
+    assert (got.status, got.stdout) == (0, b"hello\n")
+    assert put.status == 0, put
+    stored = server.root / "sub" / "new.txt"
+    assert stored.read_bytes() == b"uploaded\n"
+    assert stored.stat().st_uid == local_account.uid
+    # Every command is logged, the password hidden, in sessions enough to
+    # fill a small log queue several times over.
+    commands = server.commands()
+    password = {"proftpd": "(hidden)", "pureftpd": "<*>"}[kind]
+    assert commands[:2] == [("USER", local_account.name), ("PASS", password)]
+    assert ftptest.named(commands, "RETR", "MKD", "STOR") == [
+        ("RETR", "hello.txt"), ("MKD", "sub"), ("STOR", "new.txt")]
+    assert ("EPSV" if passive else "EPRT") in [c for c, _ in commands]
+    assert [c for c, _ in commands].count("USER") == 3 + 12
+
+
+@pytest.mark.parametrize("kind", ["proftpd", "pureftpd"])
+def test_unpacked_daemons_stop_with_sessions_still_open(start_server, kind):
+    server = start_server(kind)
+    try:
+        ftp = ftp_session(server)           # left open on purpose
+        pids = [server.proc.pid] + ftptest.descendants(server.proc.pid)
+        tmp = server.tmp
+    finally:
+        server.stop()
+    ftp.close()
+    assert len(pids) >= 2
+    assert not [p for p in pids if ftptest._alive(p)]
+    assert not tmp.exists()
+    with pytest.raises(OSError):
+        socket.create_connection((server.host, server.port), timeout=1)
