@@ -36,3 +36,8 @@ TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
   vsftpd curl
 )
+# The quality checks: valgrind for the memcheck end-to-end test (part of the
+# normal suite, skipped without it), and the linters of scripts/lint.sh.
+QUALITY_PACKAGES=(
+  valgrind clang-tidy-14 clang-format-14 cppcheck
+)
