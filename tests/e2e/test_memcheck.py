@@ -1,7 +1,7 @@
 """brindle under valgrind's memcheck: representative runs (help, list,
 recursive download and upload, recursive remove, and failures that end in
 an exception or in exit()) must behave exactly as without valgrind, with no
-memory error and no definitely or indirectly lost block.
+memory error and no lost block.
 
 Leak kinds: "definitely", "indirectly" and "possibly lost" blocks fail
 the test. "Still reachable" blocks are left out, as they are not leaks:
@@ -41,7 +41,7 @@ VALGRIND_OPTIONS = [
     # that switched to the local account could not remove again.
     "--vgdb=no",
 ]
-# Memcheck is slow: libcurl and OpenSSL start-up alone take seconds.
+# Memcheck is slow: a run takes seconds where it took milliseconds.
 TIMEOUT = 300
 
 # Binary content that an ASCII-mode transfer would change.
