@@ -31,10 +31,11 @@ BUILD_PACKAGES=(
   cmake ninja-build g++ pkg-config
   libcurl4-openssl-dev libboost-regex-dev libboost-program-options-dev
 )
-# What its tests need on top: GoogleTest, pytest, and the FTP servers.
+# What its tests need on top: GoogleTest, pytest, the FTP servers, and
+# valgrind for the memcheck runs.
 TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
-  vsftpd curl
+  vsftpd curl valgrind
 )
 # What the fuzz targets need: clang with libFuzzer and the sanitizer runtimes.
 FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
@@ -52,3 +53,10 @@ COMPAT_PACKAGES=(
   libhiredis0.14 libmemcached11 libmemcachedutil2 libpcre2-posix3
   libsodium23 libcap2 libacl1 libssl3 libpam0g libcrypt1
 )
+# Everything the whole test suite needs.
+SUITE_PACKAGES=(
+  "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${PACKAGING_PACKAGES[@]}"
+  "${COMPAT_PACKAGES[@]}"
+)
+# The linters of scripts/lint.sh.
+QUALITY_PACKAGES=(clang-tidy-14 clang-format-14 cppcheck)

@@ -7,8 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/packages.sh
 
-install_missing "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
-  "${PACKAGING_PACKAGES[@]}" "${COMPAT_PACKAGES[@]}"
+install_missing "${SUITE_PACKAGES[@]}"
 bash scripts/ftp-servers.sh
 
 rm -rf build

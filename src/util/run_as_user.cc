@@ -69,7 +69,8 @@ void report_error(int exit_status, int /*flags*/, const char* format, ...) {
     // the message cut short when the larger buffer cannot be had.
     if (char* larger = static_cast<char*>(
             std::realloc(text.get(), static_cast<std::size_t>(needed) + 1))) {
-      text.release();
+      // realloc() has already released the old block: forget it unfreed.
+      static_cast<void>(text.release());
       text.reset(larger);
       size = static_cast<std::size_t>(needed) + 1;
       std::vsnprintf(text.get(), size, format, retry_args);
@@ -108,8 +109,8 @@ int lookup_user(const char* name, uid_t* uid, gid_t* gid, const char** home) {
 }
 
 int run_as_user(const char* name, int flags) {
-  uid_t uid = static_cast<uid_t>(-1);
-  gid_t gid = static_cast<gid_t>(-1);
+  auto uid = static_cast<uid_t>(-1);
+  auto gid = static_cast<gid_t>(-1);
   const char* home = nullptr;
 
   if (lookup_user(name, &uid, &gid, &home) == -1)

@@ -9,10 +9,7 @@
 namespace torvane {
 
 Traceback::Traceback(std::uint64_t frames_to_skip)
-    : frame_count_(0),
-      frames_to_skip_(frames_to_skip),
-      frames_{},
-      symbols_(nullptr) {
+    : frames_to_skip_(frames_to_skip) {
   const int captured = backtrace(frames_, static_cast<int>(kMaxFrames));
   frame_count_ = captured < 0 ? 0 : static_cast<std::uint64_t>(captured);
   if (frame_count_ < frames_to_skip_) frames_to_skip_ = frame_count_;

@@ -33,12 +33,12 @@ class Traceback {
   friend std::ostream& print_traceback(std::ostream& out,
                                        const Traceback& traceback);
 
-  std::uint64_t frame_count_;
+  std::uint64_t frame_count_ = 0;
   std::uint64_t frames_to_skip_;
-  void* frames_[kMaxFrames];
+  void* frames_[kMaxFrames] = {};
   // Symbol descriptions from backtrace_symbols(), filled on first print and
   // released with free() by the destructor.
-  mutable char** symbols_;
+  mutable char** symbols_ = nullptr;
 };
 
 // Rewrites lines of backtrace_symbols(), such as

@@ -48,7 +48,7 @@ TEST(DiscardBody, ConsumesEverything) {
 TEST(SkipLine, QuotesThePathWithTheStandardInserter) {
   CapturedOutput captured;
   print_skip_line("/pub/link", "symbolic links aren't allowed");
-  print_skip_line("a \"q\"\\b", "unsupported file type");
+  print_skip_line(R"(a "q"\b)", "unsupported file type");
   EXPECT_EQ(captured.out(),
             "skip '\"/pub/link\"': symbolic links aren't allowed\n"
             "skip '\"a \\\"q\\\"\\\\b\"': unsupported file type\n");
