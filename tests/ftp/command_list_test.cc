@@ -54,8 +54,8 @@ TEST(CommandList, MovedListKeepsAppendingInOrder) {
   second.append("RMD /");
   EXPECT_EQ(lines_of(second),
             (std::vector<std::string>{"NOOP", "DELE /a", "RMD /"}));
-  // The moved-from list starts afresh.
-  first.append("NOOP");
+  // The moved-from list starts afresh: using it is what is tested here.
+  first.append("NOOP");  // NOLINT(bugprone-use-after-move)
   EXPECT_EQ(lines_of(first), (std::vector<std::string>{"NOOP"}));
 
   CommandList third;
