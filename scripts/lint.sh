@@ -2,7 +2,7 @@
 # Runs the static checks over every C++ file of src/ and tests/ and fails on
 # any finding: clang-format-14 (the checked-in .clang-format), cppcheck
 # (warning, performance and portability checks) and clang-tidy-14 (the
-# checked-in .clang-tidy, on build/compile_commands.json, two files at a
+# checked-in .clang-tidy, on build-lint/compile_commands.json, two files at a
 # time). Every check runs; the summary names the ones that failed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -35,14 +35,14 @@ cppcheck --enable=warning,performance,portability --error-exitcode=1 \
 
 echo "== clang-tidy-14"
 # Only the compilation database is needed, not a build.
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+cmake -S . -B build-lint -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DBRINDLE_BUILD_MAN=OFF >/dev/null
-run-clang-tidy-14 -j 2 -quiet -p build "^$PWD/(src|tests)/" \
-  >build/clang-tidy.log 2>&1 || failed+=(clang-tidy)
+run-clang-tidy-14 -j 2 -quiet -p build-lint "^$PWD/(src|tests)/" \
+  >build-lint/clang-tidy.log 2>&1 || failed+=(clang-tidy)
 # The log holds one command line per file and the compiler's counts of the
 # (filtered) warnings in headers; show only the findings, without the colours
 # that run-clang-tidy always asks for.
-sed 's/\x1b\[[0-9;]*m//g' build/clang-tidy.log |
+sed 's/\x1b\[[0-9;]*m//g' build-lint/clang-tidy.log |
   grep -v -e '^clang-tidy-14 ' -e '^[0-9]* warnings\? generated\.$' || true
 
 if [ ${#failed[@]} -ne 0 ]; then
