@@ -36,3 +36,8 @@ TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
   vsftpd curl
 )
+# What the benchmark script needs on top of the build: the FTP server, the
+# clients it compares brindle with, and the chart plotter.
+BENCH_PACKAGES=(
+  vsftpd curl lftp gnuplot-nox time
+)
