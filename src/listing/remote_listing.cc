@@ -38,10 +38,15 @@ RemoteListing list_directory(FtpClient& client,
 
 RemoteEntry find_remote_entry(FtpClient& client,
                               const std::filesystem::path& path) {
-  const std::filesystem::path wanted = path.filename();
+  // A file name is a single path element without a separator, so it equals
+  // an entry's name taken as a path exactly when the two texts are equal: a
+  // name holding "/" has a root or more than one element. Comparing the
+  // texts spares building and splitting a path for every entry of what may
+  // be a very long listing.
+  const std::string wanted = path.filename().native();
   const RemoteListing listing = list_directory(client, path.parent_path());
   for (const RemoteEntry& entry : listing) {
-    if (std::filesystem::path(entry.entry_name(false)) == wanted) return entry;
+    if (entry.entry_name(false) == wanted) return entry;
   }
   throw torvane::TorvaneUtilException("Unable to find remote path '" +
                                       path.native() + "'");
