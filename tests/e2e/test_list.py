@@ -228,6 +228,23 @@ def test_the_first_of_two_equal_names_wins(brindle, scripted):
        lines[0].encode() + b"\n")
 
 
+def test_a_name_holding_a_separator_is_not_a_file_name(brindle, scripted):
+    # Taken as paths, "x/", "./x" and "sub/x" hold more than the one element
+    # "x"; only the entry named exactly "x" is that file.
+    scripted.make_dir("d")
+    lines = ["-rw-r--r-- 1 u g 1 Jan 1 2020 x/",
+             "-rw-r--r-- 1 u g 2 Jan 1 2020 ./x",
+             "-rw-r--r-- 1 u g 3 Jan 1 2020 sub/x",
+             "lrwxrwxrwx 1 u g 4 Jan 1 2020 x/ -> y",
+             "-rw-r--r-- 1 u g 5 Jan 1 2020 x"]
+    scripted.script({"listings": {"/d": {"lines": lines}}})
+    ok(list_run(brindle, scripted, "/d/x", "--long-listing"),
+       lines[-1].encode() + b"\n")
+    scripted.script({"listings": {"/d": {"lines": lines[:-1]}}})
+    failed(list_run(brindle, scripted, "/d/x"),
+           "Unable to find remote path '/d/x'")
+
+
 def test_fifo_and_link_entries(brindle, scripted):
     scripted.make_dir("d")
     lines = ["prw-r--r-- 1 u g 0 Jan 1 2020 pipe",
