@@ -194,6 +194,17 @@ def test_an_unparseable_line_in_the_parent_fails_the_lookup(brindle, scripted):
            "Unable to parse FTP LIST output 'total 8'")
 
 
+def test_an_unparseable_line_after_the_entry_fails_the_lookup(brindle,
+                                                             scripted):
+    # The whole parent listing is read before the entry counts as found.
+    scripted.make_dir("d")
+    scripted.script({"listings": {"/d": {"lines": [
+        "-rw-r--r-- 1 u g 5 Jan 1 2020 f", "-rw-r--r-- 1 u g 6 Jan 1 2020 g",
+        "-rw-r--r--+ 1 u g 7 Jan 1 2020 h"]}}})
+    failed(list_run(brindle, scripted, "/d/f"),
+           "Unable to parse FTP LIST output '-rw-r--r--+ 1 u g 7 Jan 1 2020 h'")
+
+
 def test_acl_marker_fails_the_lookup(brindle, scripted):
     scripted.make_dir("d")
     scripted.script({"listings": {"/d": {"lines": [
