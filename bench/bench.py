@@ -17,6 +17,7 @@ default 1), BENCH_ONLY (comma-separated workload keys to run), BENCH_TMPDIR
 import argparse
 import os
 import platform
+import re
 import shlex
 import shutil
 import statistics
@@ -44,6 +45,7 @@ class Sample(object):
 
     def __init__(self, wall, cpu, rss_kib):
         self.wall, self.cpu, self.rss_kib = wall, cpu, rss_kib
+        self.stalls = 0
 
 
 def measure(argv, stdout_path, stderr_path, cwd):
@@ -70,6 +72,30 @@ def measure(argv, stdout_path, stderr_path, cwd):
             Path(stderr_path).read_text(errors="replace")[-2000:]))
     rss_kib = int(rss_path.read_text().split()[-1])
     return Sample(wall, usage.ru_utime + usage.ru_stime, rss_kib)
+
+
+# vsftpd's protocol log: "Sun Nov 22 03:20:31 2026 [pid 3919] [user] FTP
+# command: Client "127.0.0.1", "EPSV"", likewise "FTP response".
+LOG_EVENT = re.compile(r'^(\w{3} \w{3} +\d+ [\d:]+ \d{4}) \[pid \d+\] '
+                       r'(?:\[[^]]*\] )?FTP (command|response): '
+                       r'Client "[^"]*", "(.*)"$')
+
+
+def count_stalls(events):
+    """Passive-mode replies after which the client took a second or more to
+    send its next command: the log stamps whole seconds, so a gap that
+    crosses a second boundary after a 227/229 reply is, on loopback, a
+    client waiting before it opens the data connection (a wait of about
+    one second in libcurl 7.88, see bench/README.md)."""
+    stalls = 0
+    for i, (stamp, kind, text) in enumerate(events):
+        if kind != "response" or not text.startswith(("227 ", "229 ")):
+            continue
+        for later_stamp, later_kind, _ in events[i + 1:]:
+            if later_kind == "command":
+                stalls += later_stamp != stamp
+                break
+    return stalls
 
 
 # ------------------------------------------------------------ data
@@ -428,6 +454,19 @@ curl -sS --user "$cred" "${{quote[@]}}" -Q "RMD /rm/small" -o /dev/null "$base/"
             text = f.read().decode("utf-8", errors="replace")
         return ftptest.parse_vsftpd_commands(text)
 
+    def log_events_since(self, offset):
+        """(second stamp, "command" or "response", text) for every FTP
+        command and response that vsftpd logged after offset."""
+        with open(str(self.server.log_path), "rb") as f:
+            f.seek(offset)
+            text = f.read().decode("utf-8", errors="replace")
+        events = []
+        for line in text.splitlines():
+            m = LOG_EVENT.match(line)
+            if m:
+                events.append((m.group(1), m.group(2), m.group(3)))
+        return events
+
     def run_workload(self, w):
         samples = {tool: [] for tool in TOOLS}
         stdout = self.work / "stdout"
@@ -437,6 +476,9 @@ curl -sS --user "$cred" "${{quote[@]}}" -Q "RMD /rm/small" -o /dev/null "$base/"
             order = TOOLS[r % len(TOOLS):] + TOOLS[:r % len(TOOLS)]
             for tool in order:
                 w.prepare(tool)
+                # Write back what earlier runs left dirty, so that no run
+                # pays for its predecessor's data.
+                os.sync()
                 offset = self.log_size()
                 s = measure(w.commands[tool], stdout, stderr, self.local)
                 w.check(tool, stdout)
@@ -447,11 +489,13 @@ curl -sS --user "$cred" "${{quote[@]}}" -Q "RMD /rm/small" -o /dev/null "$base/"
                     data = sum(1 for c, _ in commands
                                if c in ("PASV", "EPSV", "PORT", "EPRT"))
                     self.logins.setdefault(w.key, {})[tool] = (users, data)
+                s.stalls = count_stalls(self.log_events_since(offset))
                 if r >= self.warmup:
                     samples[tool].append(s)
                 print("  %-16s round %d %-8s wall %8.3f s  cpu %8.3f s  "
-                      "rss %7.1f MiB" % (w.key, r, tool, s.wall, s.cpu,
-                                         s.rss_kib / 1024.0), flush=True)
+                      "rss %7.1f MiB  stalls %d" % (
+                          w.key, r, tool, s.wall, s.cpu, s.rss_kib / 1024.0,
+                          s.stalls), flush=True)
         self.results[w.key] = samples
 
     def run(self):
@@ -554,8 +598,8 @@ def write_report(bench, md_path, png_path, started, finished):
     add("")
     add("| Workload | Tool | Wall (s) | CPU (s) | Peak RSS (MiB) "
         "| brindle/peer wall | brindle/peer CPU | brindle/peer RSS "
-        "| Logins | Data conns |")
-    add("|---|---|--:|--:|--:|--:|--:|--:|--:|--:|")
+        "| Logins | Data conns | 1 s stalls |")
+    add("|---|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|")
     for key in keys:
         samples = bench.results[key]
         for tool in TOOLS:
@@ -570,12 +614,17 @@ def write_report(bench, md_path, png_path, started, finished):
                 row += [fmt_ratio(paired_ratio(samples, tool, a))
                         for a in ("wall", "cpu", "rss_kib")]
             users, data = bench.logins.get(key, {}).get(tool, ("", ""))
-            row += [str(users), str(data)]
+            row += [str(users), str(data),
+                    "%g" % median([s.stalls for s in ss])]
             add("| " + " | ".join(row) + " |")
     add("")
     add("Logins are the `USER` commands and data connections the `PASV`/"
         "`EPSV`/`PORT`/`EPRT` commands in vsftpd's log for one run of each "
-        "tool.")
+        "tool. 1 s stalls counts, per run (median), the passive-mode "
+        "replies after which the client waited a second or more before its "
+        "next command: libcurl 7.88 sometimes waits one second before it "
+        "opens a data connection (see `bench/README.md`); lftp does not "
+        "use libcurl.")
     add("")
     if "list-entry" in bench.results:
         b = bench.results["list-entry"]["brindle"]
