@@ -641,10 +641,14 @@ def write_report(bench, md_path, png_path, started, finished):
     add("")
     add("## Targets")
     add("")
-    add("| Target | Measured | Met |")
-    add("|---|---|---|")
-    for text, measured, met in targets(bench):
-        add("| %s | %s | %s |" % (text, measured, "yes" if met else "**no**"))
+    add("| Target | Measured | Met | Note |")
+    add("|---|---|---|---|")
+    for text, measured, met, note in targets(bench):
+        add("| %s | %s | %s | %s |" % (text, measured,
+                                       "yes" if met else "**no**", note))
+    add("")
+    add("Why a target is missed, with the profiles behind it: "
+        "[bench/README.md](../bench/README.md).")
     add("")
     add("## Workloads")
     add("")
@@ -693,6 +697,8 @@ WORKLOAD_DOC = [
 
 
 def targets(bench):
+    """(target, measured, met, note) for every target of the workloads that
+    ran."""
     r = bench.results
     found = []
 
@@ -706,11 +712,15 @@ def targets(bench):
         cpu = paired_ratio(r[key], "curl", "cpu")
         rss = med(key, "brindle", "rss_kib") / 1024.0
         found.append(("%s: wall <= 1.05x curl" % key, fmt_ratio(wall),
-                      wall <= 1.05))
+                      wall <= 1.05, "brindle %.2f s, curl %.2f s" % (
+                          med(key, "brindle", "wall"),
+                          med(key, "curl", "wall"))))
         found.append(("%s: CPU <= 1.10x curl" % key, fmt_ratio(cpu),
-                      cpu <= 1.10))
+                      cpu <= 1.10, "brindle %.2f s, curl %.2f s" % (
+                          med(key, "brindle", "cpu"),
+                          med(key, "curl", "cpu"))))
         found.append(("%s: peak RSS < 16 MiB" % key, "%.1f MiB" % rss,
-                      rss < 16))
+                      rss < 16, ""))
     for key in ("download-small", "upload-small", "download-medium",
                 "remove-small"):
         if key not in r:
@@ -718,19 +728,25 @@ def targets(bench):
         lftp = paired_ratio(r[key], "lftp", "wall")
         curl = paired_ratio(r[key], "curl", "wall")
         users = bench.logins.get(key, {}).get("brindle", (None,))[0]
+        stalls = "1 s stalls per run: brindle %g, curl %g, lftp %g" % tuple(
+            med(key, tool, "stalls") for tool in TOOLS)
         found.append(("%s: wall <= 1.00x lftp" % key, fmt_ratio(lftp),
-                      lftp <= 1.00))
+                      lftp <= 1.00, stalls))
         found.append(("%s: wall < 1.00x curl loop" % key, fmt_ratio(curl),
-                      curl < 1.00))
+                      curl < 1.00, ""))
         found.append(("%s: one login per run" % key, "%s" % users,
-                      users == 1))
+                      users == 1, ""))
     if "list-entry" in r:
         ratio = paired_ratio(r["list-entry"], "curl", "wall")
         rss = med("list-entry", "brindle", "rss_kib") / 1024.0
         found.append(("list-entry: wall <= 1.5x curl fetching the LIST",
-                      fmt_ratio(ratio), ratio <= 1.5))
+                      fmt_ratio(ratio), ratio <= 1.5,
+                      "brindle %.3f s (CPU %.3f s), curl %.3f s" % (
+                          med("list-entry", "brindle", "wall"),
+                          med("list-entry", "brindle", "cpu"),
+                          med("list-entry", "curl", "wall"))))
         found.append(("list-entry: peak RSS < 64 MiB", "%.1f MiB" % rss,
-                      rss < 64))
+                      rss < 64, ""))
     return found
 
 
@@ -799,9 +815,9 @@ def main():
         write_chart(bench, png_path)
         write_report(bench, md_path, png_path, started, finished)
         print("wrote %s and %s" % (md_path, png_path))
-        for text, measured, met in targets(bench):
-            print("  %-50s %-12s %s" % (text, measured,
-                                         "met" if met else "MISSED"))
+        for text, measured, met, note in targets(bench):
+            print("  %-50s %-12s %-6s %s" % (text, measured,
+                                             "met" if met else "MISSED", note))
     finally:
         bench.stop()
 
