@@ -475,13 +475,25 @@ curl -sS --user "$cred" "${{quote[@]}}" -Q "RMD /rm/small" -o /dev/null "$base/"
         for r in range(rounds):
             order = TOOLS[r % len(TOOLS):] + TOOLS[:r % len(TOOLS)]
             for tool in order:
-                w.prepare(tool)
-                # Write back what earlier runs left dirty, so that no run
-                # pays for its predecessor's data.
-                os.sync()
-                offset = self.log_size()
-                s = measure(w.commands[tool], stdout, stderr, self.local)
-                w.check(tool, stdout)
+                for attempt in (1, 2):
+                    w.prepare(tool)
+                    # Write back what earlier runs left dirty, so that no
+                    # run pays for its predecessor's data.
+                    os.sync()
+                    offset = self.log_size()
+                    try:
+                        s = measure(w.commands[tool], stdout, stderr,
+                                    self.local)
+                        w.check(tool, stdout)
+                        break
+                    except RuntimeError as e:
+                        # One failed run (a port taken, a connection
+                        # dropped) is repeated once; a second one ends the
+                        # benchmark.
+                        if attempt == 2:
+                            raise
+                        print("  %s %s failed, repeating: %s"
+                              % (w.key, tool, e), flush=True)
                 if r == 0:
                     time.sleep(0.5)   # let vsftpd finish writing its log
                     commands = self.log_since(offset)
