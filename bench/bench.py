@@ -184,6 +184,7 @@ class Bench(object):
 
     def start(self):
         tempfile.tempdir = self.tmpdir
+        ftptest.TEMP_PREFIX = "brindle-bench-"
         self.account = ftptest.LocalAccount().create()
         self.server = ftptest.VsftpdServer(self.account).start()
         self.work = ftptest.make_temp_dir("bench")
