@@ -743,6 +743,12 @@ def targets(bench):
         users = bench.logins.get(key, {}).get("brindle", (None,))[0]
         stalls = "1 s stalls per run: brindle %g, curl %g, lftp %g" % tuple(
             med(key, tool, "stalls") for tool in TOOLS)
+        if med(key, "brindle", "stalls"):
+            stalls += ("; brindle's wall less 1 s per stall: %.2f s, lftp's "
+                       "%.2f s" % (
+                           median([s.wall - s.stalls
+                                   for s in r[key]["brindle"]]),
+                           med(key, "lftp", "wall")))
         found.append(("%s: wall <= 1.00x lftp" % key, fmt_ratio(lftp),
                       lftp <= 1.00, stalls))
         found.append(("%s: wall < 1.00x curl loop" % key, fmt_ratio(curl),
