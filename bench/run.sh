@@ -7,6 +7,7 @@
 # BENCH_ONLY and BENCH_OUTPUT tune a run; see bench/bench.py.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=scripts/packages.sh
 source scripts/packages.sh
 
 if [ "$(id -u)" -ne 0 ]; then
