@@ -562,7 +562,8 @@ def machine_stamp(brindle):
         ("Machine", "%d cores (%s), %.1f GiB memory, Linux %s"
          % (os.cpu_count(), cpu, mem_kib / 1024.0 / 1024.0,
             platform.release())),
-        ("brindle", "%s, Release build (commit %s)" % (brindle, git)),
+        ("brindle", "%s, Release build (commit %s)" % (
+            os.path.relpath(brindle, str(REPO)), git)),
         ("curl", command_output(["curl", "--version"]).splitlines()[0]),
         ("lftp", command_output(["lftp", "--version"]).splitlines()[0]
          .replace("|", "")),
@@ -678,7 +679,9 @@ def write_report(bench, md_path, png_path, started, finished):
         "starts vsftpd on 127.0.0.1, generates about 3 GiB of data under "
         "`/var/tmp`, runs the workloads, rewrites this file and "
         "`docs/benchmarks.png`, and removes the account, server and data. "
-        "A full run takes about half an hour on 2 cores. "
+        "A full run takes about 10 minutes on a quiet 2-core machine "
+        "and up to half an hour under load, when libcurl's one-second "
+        "waits multiply. "
         "`BENCH_RUNS` (default 5) sets the measured rounds, `BENCH_SCALE` "
         "(default 1) scales the data (`BENCH_SCALE=0.01 BENCH_RUNS=1` is a "
         "quick smoke run), `BENCH_ONLY` picks workloads by key, "
