@@ -60,3 +60,8 @@ SUITE_PACKAGES=(
 )
 # The linters of scripts/lint.sh.
 QUALITY_PACKAGES=(clang-tidy-14 clang-format-14 cppcheck)
+# What the benchmark script needs on top of the build: the FTP server, the
+# clients it compares brindle with, and the chart plotter.
+BENCH_PACKAGES=(
+  vsftpd curl lftp gnuplot-nox time
+)

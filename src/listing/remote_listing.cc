@@ -1,5 +1,6 @@
 #include "listing/remote_listing.h"
 
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -42,11 +43,26 @@ RemoteListing list_directory(FtpClient& client,
 
 RemoteEntry find_remote_entry(FtpClient& client,
                               const std::filesystem::path& path) {
-  const std::filesystem::path wanted = path.filename();
-  const RemoteListing listing = list_directory(client, path.parent_path());
-  for (const RemoteEntry& entry : listing) {
-    if (std::filesystem::path(entry.entry_name(false)) == wanted) return entry;
+  // A file name is a single path element without a separator, so it equals
+  // an entry's name taken as a path exactly when the two texts are equal: a
+  // name holding "/" has a root or more than one element. Comparing the
+  // texts spares building and splitting a path for every entry of what may
+  // be a very long listing.
+  const std::string wanted = path.filename().native();
+  // The parent is listed and read exactly as list_directory does, but only
+  // the first entry of that name is kept: every line is still parsed, so a
+  // line that does not parse fails the lookup wherever it stands, and is
+  // then dropped instead of being held in a listing of the whole directory.
+  const std::filesystem::path dir = path.parent_path();
+  std::stringstream buffer;
+  request_listing(client, dir.filename() == "." ? dir : dir / ".", true,
+                  buffer);
+  std::optional<RemoteEntry> found;
+  for (std::string line; std::getline(buffer, line);) {
+    RemoteEntry entry(std::move(line));
+    if (!found && entry.entry_name(false) == wanted) found = std::move(entry);
   }
+  if (found) return *std::move(found);
   throw torvane::TorvaneUtilException("Unable to find remote path '" +
                                       path.native() + "'");
 }

@@ -194,6 +194,17 @@ def test_an_unparseable_line_in_the_parent_fails_the_lookup(brindle, scripted):
            "Unable to parse FTP LIST output 'total 8'")
 
 
+def test_an_unparseable_line_after_the_entry_fails_the_lookup(brindle,
+                                                             scripted):
+    # The whole parent listing is read before the entry counts as found.
+    scripted.make_dir("d")
+    scripted.script({"listings": {"/d": {"lines": [
+        "-rw-r--r-- 1 u g 5 Jan 1 2020 f", "-rw-r--r-- 1 u g 6 Jan 1 2020 g",
+        "-rw-r--r--+ 1 u g 7 Jan 1 2020 h"]}}})
+    failed(list_run(brindle, scripted, "/d/f"),
+           "Unable to parse FTP LIST output '-rw-r--r--+ 1 u g 7 Jan 1 2020 h'")
+
+
 def test_acl_marker_fails_the_lookup(brindle, scripted):
     scripted.make_dir("d")
     scripted.script({"listings": {"/d": {"lines": [
@@ -226,6 +237,23 @@ def test_the_first_of_two_equal_names_wins(brindle, scripted):
     scripted.script({"listings": {"/d": {"lines": lines}}})
     ok(list_run(brindle, scripted, "/d/twin", "--long-listing"),
        lines[0].encode() + b"\n")
+
+
+def test_a_name_holding_a_separator_is_not_a_file_name(brindle, scripted):
+    # Taken as paths, "x/", "./x" and "sub/x" hold more than the one element
+    # "x"; only the entry named exactly "x" is that file.
+    scripted.make_dir("d")
+    lines = ["-rw-r--r-- 1 u g 1 Jan 1 2020 x/",
+             "-rw-r--r-- 1 u g 2 Jan 1 2020 ./x",
+             "-rw-r--r-- 1 u g 3 Jan 1 2020 sub/x",
+             "lrwxrwxrwx 1 u g 4 Jan 1 2020 x/ -> y",
+             "-rw-r--r-- 1 u g 5 Jan 1 2020 x"]
+    scripted.script({"listings": {"/d": {"lines": lines}}})
+    ok(list_run(brindle, scripted, "/d/x", "--long-listing"),
+       lines[-1].encode() + b"\n")
+    scripted.script({"listings": {"/d": {"lines": lines[:-1]}}})
+    failed(list_run(brindle, scripted, "/d/x"),
+           "Unable to find remote path '/d/x'")
 
 
 def test_fifo_and_link_entries(brindle, scripted):

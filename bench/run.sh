@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Benchmarks brindle against the curl command-line tool and lftp on a local
+# vsftpd: installs what is missing, builds brindle in Release mode in
+# build-bench/, and runs bench/bench.py, which writes docs/benchmarks.md and
+# docs/benchmarks.png. Run as root (it creates and removes a throwaway local
+# account and its own vsftpd). BENCH_RUNS, BENCH_SCALE, BENCH_WARMUP,
+# BENCH_ONLY and BENCH_OUTPUT tune a run; see bench/bench.py.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+# shellcheck source=scripts/packages.sh
+source scripts/packages.sh
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "run.sh: run as root (it creates a local account and starts vsftpd)" >&2
+  exit 1
+fi
+install_missing "${BUILD_PACKAGES[@]}" python3 "${BENCH_PACKAGES[@]}"
+
+cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release \
+  -DBRINDLE_BUILD_TESTS=OFF >/dev/null
+cmake --build build-bench --target brindle >/dev/null
+
+exec /usr/bin/python3 bench/bench.py --brindle build-bench/brindle \
+  ${BENCH_OUTPUT:+--output "$BENCH_OUTPUT"}
