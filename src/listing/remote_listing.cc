@@ -31,13 +31,24 @@ RemoteListing parse_listing(std::istream& body) {
   return listing;
 }
 
-RemoteListing list_directory(FtpClient& client,
-                             const std::filesystem::path& dir_path) {
+namespace {
+
+// The whole LIST answer of `dir_path`. Listing "dir/." makes the request
+// enter "dir" before sending LIST.
+std::stringstream fetch_listing(FtpClient& client,
+                                const std::filesystem::path& dir_path) {
   std::stringstream buffer;
-  // Listing "dir/." makes the request enter "dir" before sending LIST.
   request_listing(client,
                   dir_path.filename() == "." ? dir_path : dir_path / ".", true,
                   buffer);
+  return buffer;
+}
+
+}  // namespace
+
+RemoteListing list_directory(FtpClient& client,
+                             const std::filesystem::path& dir_path) {
+  std::stringstream buffer = fetch_listing(client, dir_path);
   return parse_listing(buffer);
 }
 
@@ -53,10 +64,7 @@ RemoteEntry find_remote_entry(FtpClient& client,
   // the first entry of that name is kept: every line is still parsed, so a
   // line that does not parse fails the lookup wherever it stands, and is
   // then dropped instead of being held in a listing of the whole directory.
-  const std::filesystem::path dir = path.parent_path();
-  std::stringstream buffer;
-  request_listing(client, dir.filename() == "." ? dir : dir / ".", true,
-                  buffer);
+  std::stringstream buffer = fetch_listing(client, path.parent_path());
   std::optional<RemoteEntry> found;
   for (std::string line; std::getline(buffer, line);) {
     RemoteEntry entry(std::move(line));
