@@ -19,7 +19,7 @@ namespace {
 // Receive buffer of a file transfer: large blocks mean few receive calls
 // and few file writes per byte, and the buffer stays small next to the
 // process's libraries.
-constexpr long kReceiveBufferBytes = 256 * 1024;
+constexpr long kReceiveBufferBytes = 256L * 1024;
 
 bool is_regular_file(const RemoteEntry& entry) {
   const auto type = entry.capture(RemoteEntry::Field::type);

@@ -17,7 +17,7 @@ namespace {
 // Send buffer of a file transfer: large blocks mean few file reads and few
 // send calls per byte, and the buffer stays small next to the process's
 // libraries.
-constexpr long kSendBufferBytes = 256 * 1024;
+constexpr long kSendBufferBytes = 256L * 1024;
 
 void upload_link(FtpClient& client, const fs::path& local_path,
                  const fs::path& remote_path) {
