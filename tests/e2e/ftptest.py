@@ -675,150 +675,13 @@ def parse_vsftpd_commands(text):
     return result
 
 
-class VsftpdServer(FtpServer):
-    """vsftpd serving a temporary root as a local account, chrooted."""
-
-    kind = "vsftpd"
-
-    def __init__(self, account, options=()):
-        FtpServer.__init__(self, account.name, account.password)
-        self.account = account
-        # Extra "name=value" settings, after (and so over) the usual ones.
-        self.options = list(options)
-        self.proc = None
-        self._adopting = False
-
-    def _own(self, path):
-        self.account.chown(path)
-
-    def config_text(self):
-        settings = [
-            ("listen", "YES"),
-            ("listen_ipv6", "NO"),
-            ("listen_address", HOST),
-            ("listen_port", str(self.port)),
-            ("background", "NO"),
-            ("anonymous_enable", "NO"),
-            ("local_enable", "YES"),
-            ("write_enable", "YES"),
-            ("local_umask", "022"),
-            ("local_root", str(self.root)),
-            ("chroot_local_user", "YES"),
-            ("allow_writeable_chroot", "YES"),
-            ("secure_chroot_dir", str(self.empty_dir)),
-            ("seccomp_sandbox", "NO"),
-            ("isolate", "NO"),
-            ("isolate_network", "NO"),
-            ("pasv_enable", "YES"),
-            ("port_enable", "YES"),
-            ("connect_from_port_20", "NO"),
-            ("log_ftp_protocol", "YES"),
-            ("xferlog_enable", "YES"),
-            ("vsftpd_log_file", str(self.log_path)),
-            ("dual_log_enable", "NO"),
-            ("syslog_enable", "NO"),
-            ("delay_failed_login", "0"),
-            # No such file in /etc/pam.d: PAM falls back to "other",
-            # which is plain pam_unix.
-            ("pam_service_name", "brindle-e2e-none"),
-        ]
-        return "".join(["%s=%s\n" % kv for kv in settings] +
-                       [option + "\n" for option in self.options])
-
-    def start(self, timeout=10.0, attempts=3):
-        _Adoption.acquire()
-        self._adopting = True
-        self.tmp = make_temp_dir("vsftpd")
-        self.root = self.tmp / "root"
-        self.root.mkdir()
-        self._own(self.root)
-        self.empty_dir = self.tmp / "empty"
-        self.empty_dir.mkdir(mode=0o755)
-        self.conf_path = self.tmp / "vsftpd.conf"
-        self.log_path = self.tmp / "vsftpd.log"
-        self.output_path = self.tmp / "vsftpd.out"
-        for attempt in range(attempts):
-            self.port = free_port()
-            fd = os.open(str(self.conf_path),
-                         os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600)
-            with os.fdopen(fd, "w") as f:
-                f.write(self.config_text())
-            os.chmod(str(self.conf_path), 0o600)
-            with open(str(self.output_path), "wb") as out:
-                self.proc = subprocess.Popen(
-                    [VSFTPD, str(self.conf_path)], stdin=subprocess.DEVNULL,
-                    stdout=out, stderr=out, start_new_session=True)
-            deadline = time.monotonic() + timeout
-            while not is_listening(self.port):
-                if self.proc.poll() is not None or time.monotonic() > deadline:
-                    break
-                time.sleep(0.02)
-            if is_listening(self.port) and self.proc.poll() is None:
-                return self
-            output = self.output_text()
-            self._stop_processes()
-            # Someone else may have taken the port in between: try another.
-            if "could not bind" not in output or attempt == attempts - 1:
-                self.stop()
-                raise RuntimeError("vsftpd did not start:\n" + output)
-        return self
-
-    def output_text(self):
-        try:
-            return self.output_path.read_text(errors="replace")
-        except (OSError, AttributeError):
-            return ""
-
-    def _stop_processes(self):
-        if self.proc is None:
-            return
-        argv = [VSFTPD, str(self.conf_path)]
-        # Session processes call setsid() and may outlive the listener, so
-        # they are found by their parent and by their unique command line.
-        stop_process(self.proc, extra_pids=pids_with_cmdline(argv))
-        _signal_pids(pids_with_cmdline(argv), signal.SIGKILL)
-        self.proc = None
-
-    def stop(self):
-        self._stop_processes()
-        if self._adopting:
-            reap_adopted("vsftpd")
-            _Adoption.release()
-            self._adopting = False
-        remove_tree(self.tmp)
-        self.tmp = None
-
-    def commands(self):
-        return parse_vsftpd_commands(self.log_text())
-
-
-# ------------------------------------------- servers unpacked, not installed
-
-# ProFTPD and Pure-FTPd conflict with vsftpd as Debian packages, so
-# scripts/ftp-servers.sh unpacks them into this folder instead.
-SERVER_CACHE = Path(os.environ.get("BRINDLE_FTP_SERVERS",
-                                   "/var/cache/brindle-tests/servers"))
-PROFTPD = SERVER_CACHE / "usr" / "sbin" / "proftpd"
-PURE_FTPD = SERVER_CACHE / "usr" / "sbin" / "pure-ftpd"
-PURE_PW = SERVER_CACHE / "usr" / "bin" / "pure-pw"
-
-
-def sha512_crypt(password):
-    """A SHA-512 crypt(3) hash: the daemons' own defaults (argon2 for
-    pure-pw) cost seconds per login."""
-    import warnings
-    with warnings.catch_warnings():
-        warnings.simplefilter("ignore", DeprecationWarning)
-        import crypt
-    return crypt.crypt(password, crypt.mksalt(crypt.METHOD_SHA512))
-
-
 class _DaemonServer(FtpServer):
     """A real FTP daemon serving a temporary root as the throwaway local
     account, in the foreground, stopped by pid.  Subclasses write their
     configuration and give the command line."""
 
     daemon = None           # path of the binary
+    port_taken = "in use"   # what its output says when the port is taken
 
     def __init__(self, account, options=()):
         FtpServer.__init__(self, account.name, account.password)
@@ -865,7 +728,7 @@ class _DaemonServer(FtpServer):
             output = self.output_text()
             self._stop_processes()
             # Someone else may have taken the port in between: try another.
-            if "in use" not in output or attempt == attempts - 1:
+            if self.port_taken not in output or attempt == attempts - 1:
                 self.stop()
                 raise RuntimeError("%s did not start:\n%s" % (self.kind,
                                                              output))
@@ -903,6 +766,94 @@ class _DaemonServer(FtpServer):
 
     def version(self):
         raise NotImplementedError
+
+
+class VsftpdServer(_DaemonServer):
+    """vsftpd serving a temporary root as a local account, chrooted."""
+
+    kind = "vsftpd"
+    daemon = VSFTPD
+    port_taken = "could not bind"
+
+    def config_text(self):
+        settings = [
+            ("listen", "YES"),
+            ("listen_ipv6", "NO"),
+            ("listen_address", HOST),
+            ("listen_port", str(self.port)),
+            ("background", "NO"),
+            ("anonymous_enable", "NO"),
+            ("local_enable", "YES"),
+            ("write_enable", "YES"),
+            ("local_umask", "022"),
+            ("local_root", str(self.root)),
+            ("chroot_local_user", "YES"),
+            ("allow_writeable_chroot", "YES"),
+            ("secure_chroot_dir", str(self.empty_dir)),
+            ("seccomp_sandbox", "NO"),
+            ("isolate", "NO"),
+            ("isolate_network", "NO"),
+            ("pasv_enable", "YES"),
+            ("port_enable", "YES"),
+            ("connect_from_port_20", "NO"),
+            ("log_ftp_protocol", "YES"),
+            ("xferlog_enable", "YES"),
+            ("vsftpd_log_file", str(self.log_path)),
+            ("dual_log_enable", "NO"),
+            ("syslog_enable", "NO"),
+            ("delay_failed_login", "0"),
+            # No such file in /etc/pam.d: PAM falls back to "other",
+            # which is plain pam_unix.
+            ("pam_service_name", "brindle-e2e-none"),
+        ]
+        return "".join(["%s=%s\n" % kv for kv in settings] +
+                       [option + "\n" for option in self.options])
+
+    def prepare(self):
+        self.empty_dir = self.tmp / "empty"
+        self.empty_dir.mkdir(mode=0o755, exist_ok=True)
+        self.conf_path = self.tmp / "vsftpd.conf"
+        fd = os.open(str(self.conf_path),
+                     os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600)
+        with os.fdopen(fd, "w") as f:
+            f.write(self.config_text())
+        os.chmod(str(self.conf_path), 0o600)
+
+    def argv(self):
+        return [str(VSFTPD), str(self.conf_path)]
+
+    def _stop_processes(self):
+        if self.proc is None:
+            return
+        # Session processes call setsid() and may outlive the listener, so
+        # they are found by their parent and by their unique command line.
+        stop_process(self.proc, extra_pids=pids_with_cmdline(self.argv()))
+        _signal_pids(pids_with_cmdline(self.argv()), signal.SIGKILL)
+        self.proc = None
+
+    def commands(self):
+        return parse_vsftpd_commands(self.log_text())
+
+
+# ------------------------------------------- servers unpacked, not installed
+
+# ProFTPD and Pure-FTPd conflict with vsftpd as Debian packages, so
+# scripts/ftp-servers.sh unpacks them into this folder instead.
+SERVER_CACHE = Path(os.environ.get("BRINDLE_FTP_SERVERS",
+                                   "/var/cache/brindle-tests/servers"))
+PROFTPD = SERVER_CACHE / "usr" / "sbin" / "proftpd"
+PURE_FTPD = SERVER_CACHE / "usr" / "sbin" / "pure-ftpd"
+PURE_PW = SERVER_CACHE / "usr" / "bin" / "pure-pw"
+
+
+def sha512_crypt(password):
+    """A SHA-512 crypt(3) hash: the daemons' own defaults (argon2 for
+    pure-pw) cost seconds per login."""
+    import warnings
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", DeprecationWarning)
+        import crypt
+    return crypt.crypt(password, crypt.mksalt(crypt.METHOD_SHA512))
 
 
 class ProftpdServer(_DaemonServer):
