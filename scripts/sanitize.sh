@@ -5,9 +5,9 @@
 # build. Any sanitizer report ends the reporting process with status 86 and a
 # stack trace on standard error, so the test that ran it fails.
 #
-# The end-to-end tests run brindle with an environment of PATH only, so the
-# binary carries the same options compiled in (src/cli/sanitizer_options.cc);
-# the variables below cover the unit tests and anything else CTest starts.
+# The sanitizers' options are compiled into brindle and the unit tests
+# (src/cli/sanitizer_options.cc), since the end-to-end tests run brindle with
+# an environment of PATH only; ASAN_OPTIONS and friends still override them.
 # Leak checking also covers the runs that switch to a local account and the
 # exit() paths of a failed switch; blocks still referenced from live stack
 # frames at exit() are not leaks and are not reported. LeakSanitizer cannot
@@ -20,10 +20,6 @@ source scripts/packages.sh
 
 install_missing "${SUITE_PACKAGES[@]}"
 bash scripts/ftp-servers.sh
-
-export ASAN_OPTIONS="detect_leaks=1:halt_on_error=1:abort_on_error=0:exitcode=86:detect_stack_use_after_return=1:check_initialization_order=1:strict_init_order=1:strict_string_checks=1"
-export LSAN_OPTIONS="exitcode=86"
-export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:exitcode=86"
 
 rm -rf build-asan
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
