@@ -15,7 +15,8 @@ with a JSON "script" that can override or break parts of the protocol:
                   "times": 1, "reset": false}, ...],
     "refuse_connections": 2,
     "refuse_reply": "421 Service not available, try later",
-    "greeting": "220 Scripted server ready."
+    "greeting": "220 Scripted server ready.",
+    "login_dir": "/home/u"
   }
 
 A listing ANSWER is one of
@@ -37,6 +38,12 @@ extra lines in front of a real answer.
 "every_listing" answers LIST in every directory that "listings" does not
 name, whether it exists or not, and lets the client change into any
 directory: a server whose tree never ends.
+
+"login_dir" makes the server behave like one that does not chroot its
+users: the served root stays the server's "/", and each session starts in
+the login directory (PWD names it, quotes doubled; relative paths resolve
+against it), while absolute paths still resolve from the served root.  A
+failure rule for PWD replaces the PWD answer alone.
 
 Drop rules make the server vanish: for a data transfer command (LIST, NLST,
 MLSD, RETR, STOR, APPE, STOU) it moves "after_bytes" bytes over the data
@@ -304,6 +311,13 @@ class ScriptedHandler(FTPHandler):
             self.respond(greeting)
             return
         FTPHandler.handle(self)
+
+    def on_login(self, username):
+        # A server without chroot: the session starts in the login
+        # directory, below the root that absolute paths resolve from.
+        login_dir = self.script.data.get("login_dir")
+        if login_dir is not None:
+            self.fs.cwd = normalise_virtual(login_dir)
 
     def push(self, s):
         # The default encodes strictly, which fails on surrogate-escaped
