@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "ftp/login_directory.h"
 #include "ftp/request_url.h"
 #include "ftp/retry.h"
 #include "util/torvane_util_exception.h"
@@ -14,7 +15,10 @@ FtpClient::FtpClient(FtpSettings settings) : settings_(std::move(settings)) {
 }
 
 FtpClient::FtpClient(FtpClient&& other) noexcept
-    : settings_(std::move(other.settings_)), handle_(std::move(other.handle_)) {
+    : settings_(std::move(other.settings_)),
+      handle_(std::move(other.handle_)),
+      login_directory_(std::move(other.login_directory_)),
+      login_afresh_(other.login_afresh_) {
   std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
             std::begin(error_buffer_));
   if (handle_)
@@ -25,6 +29,8 @@ FtpClient& FtpClient::operator=(FtpClient&& other) noexcept {
   if (this != &other) {
     settings_ = std::move(other.settings_);
     handle_ = std::move(other.handle_);
+    login_directory_ = std::move(other.login_directory_);
+    login_afresh_ = other.login_afresh_;
     std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
               std::begin(error_buffer_));
     if (handle_)
@@ -60,14 +66,39 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
   const std::string url =
       request_url(handle_.get(), settings_.host, settings_.port, remote_path);
   set_option(CURLOPT_URL, url.c_str());
+  if (login_afresh_) {
+    // Without a known login directory the library cannot bring a kept
+    // connection back to it, and would resolve this request's path against
+    // whatever directory the last request left: log in anew, and close the
+    // connection afterwards rather than keep one that cannot be used.
+    set_option(CURLOPT_FRESH_CONNECT, 1L);
+    set_option(CURLOPT_FORBID_REUSE, 1L);
+  }
 
   error_buffer_[0] = '\0';
   const CURLcode result = retry_transfer(curl_easy_perform(handle_.get()));
+  learn_login_directory(result);
   reset_handle();
   if (result != CURLE_OK) {
     throw torvane::TorvaneUtilException("Unable to perform request for '" +
                                         url + "': " + error_buffer_);
   }
+}
+
+// Reads the login directory that the library learnt from PWD: the reset
+// that follows a request forgets it.
+void FtpClient::learn_login_directory(CURLcode result) {
+  const char* entry_path = nullptr;
+  if (curl_easy_getinfo(handle_.get(), CURLINFO_FTP_ENTRY_PATH, &entry_path) ==
+          CURLE_OK &&
+      entry_path != nullptr) {
+    login_directory_ = entry_path;
+  }
+  // A connection that is closed when the request ends takes its entry path
+  // with it, so an answer once given is kept; only a request that succeeded
+  // has certainly logged in, so only it can tell that there is none.
+  if (result == CURLE_OK && !is_known_login_directory(login_directory_))
+    login_afresh_ = true;
 }
 
 // Repeats a failed transfer while retries remain and the failure is

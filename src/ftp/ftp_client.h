@@ -6,6 +6,12 @@
 // its base state (error buffer, credentials, active or passive mode), so
 // options never carry over from one request to the next, while the library's
 // open connections do. Every failure throws torvane::TorvaneUtilException.
+//
+// The client also keeps the login directory that the server named after the
+// last login (login_directory()). The library returns a kept connection to
+// that directory before each request, which only works when it is a known
+// absolute path; once a request has succeeded without one, every later
+// request logs in on a connection of its own.
 
 #ifndef BRINDLE_FTP_FTP_CLIENT_H_
 #define BRINDLE_FTP_FTP_CLIENT_H_
@@ -14,6 +20,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ftp/ftp_settings.h"
@@ -47,6 +54,14 @@ class FtpClient {
   // Brings the handle into the base state, creating it when there is none.
   void reset_handle();
 
+  // The login directory as the server answered PWD after the last login
+  // that the library reported (quotes undone), whatever its form; none
+  // before the first request and while the server has refused PWD. See
+  // ftp/login_directory.h for what can be relied on.
+  const std::optional<std::string>& login_directory() const {
+    return login_directory_;
+  }
+
  private:
   struct HandleDeleter {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
@@ -54,10 +69,14 @@ class FtpClient {
 
   static void check_setup(CURLcode code);
   CURLcode retry_transfer(CURLcode result);
+  void learn_login_directory(CURLcode result);
 
   FtpSettings settings_;
   std::unique_ptr<CURL, HandleDeleter> handle_;
   char error_buffer_[CURL_ERROR_SIZE] = {};
+  std::optional<std::string> login_directory_;
+  // Set once a request succeeded while the login directory was unknown.
+  bool login_afresh_ = false;
 };
 
 #endif  // BRINDLE_FTP_FTP_CLIENT_H_
