@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "ftp/login_directory.h"
 #include "ftp/path.h"
 #include "listing/remote_listing.h"
 #include "ops/child_name.h"
@@ -38,17 +39,23 @@ void remove_command(const FtpSettings& settings, const fs::path& remote_path,
                                "': recursive operation isn't allowed");
   }
 
+  // The lookup has logged in, so the login directory is known here if the
+  // server named one.
+  const std::optional<std::string> login_directory = client.login_directory();
   CommandList commands;
   commands.append("NOOP");
-  collect_removals(client, remote.parent_path(), entry, commands);
+  collect_removals(client, remote.parent_path(), entry, commands,
+                   login_directory);
 
   client.set_option(CURLOPT_WRITEFUNCTION, &discard_body);
   client.set_option(CURLOPT_QUOTE, commands.get());
   // The library sends these commands on a reused connection before it
   // returns to the login directory, that is in the directory that the last
-  // listing entered. Relative paths must be resolved against the login
-  // directory, so for them the request logs in afresh.
-  if (!remote.has_root_directory())
+  // listing entered. Absolute commands do not mind and go out on that one
+  // connection. Relative ones (a relative remote path, or an absolute one
+  // below a login directory that the server did not name) must be resolved
+  // against the login directory, so for them the request logs in afresh.
+  if (!remote.has_root_directory() || !is_known_login_directory(login_directory))
     client.set_option(CURLOPT_FRESH_CONNECT, 1L);
   // The empty path addresses the server's base URL: the commands run before
   // any change of directory, and the listing that follows them is dropped.
@@ -56,11 +63,12 @@ void remove_command(const FtpSettings& settings, const fs::path& remote_path,
 }
 
 void collect_removals(FtpClient& client, const fs::path& remote_dir,
-                      const RemoteEntry& entry, CommandList& commands) {
+                      const RemoteEntry& entry, CommandList& commands,
+                      const std::optional<std::string>& login_directory) {
   const fs::path full_path = remote_dir / entry.entry_name(false);
   if (!entry.is_directory()) {
     // Links, too, are deleted as themselves; their targets are never touched.
-    commands.append("DELE " + full_path.native());
+    commands.append("DELE " + command_path(full_path, login_directory));
     return;
   }
   const RemoteListing listing = list_directory(client, full_path);
@@ -74,11 +82,11 @@ void collect_removals(FtpClient& client, const fs::path& remote_dir,
                                    printable_path(full_path / name) +
                                    "': unsafe file name");
       case ChildName::ordinary:
-        collect_removals(client, full_path, child, commands);
+        collect_removals(client, full_path, child, commands, login_directory);
         break;
     }
   }
-  commands.append("RMD " + full_path.native());
+  commands.append("RMD " + command_path(full_path, login_directory));
 }
 
 std::size_t discard_body(char* /*data*/, std::size_t size, std::size_t count,

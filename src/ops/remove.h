@@ -5,13 +5,16 @@
 // every non-directory and "RMD <path>" for every directory, children before
 // their directory, behind a leading "NOOP". The whole list is then sent as
 // the pre-transfer commands of a single request, so a failure while walking
-// deletes nothing.
+// deletes nothing. The server resolves these commands itself, so their paths
+// name the walk's entries as the server sees them (ftp/login_directory.h).
 
 #ifndef BRINDLE_OPS_REMOVE_H_
 #define BRINDLE_OPS_REMOVE_H_
 
 #include <cstddef>
 #include <filesystem>
+#include <optional>
+#include <string>
 
 #include "ftp/command_list.h"
 #include "ftp/ftp_client.h"
@@ -22,10 +25,12 @@ void remove_command(const FtpSettings& settings,
                     const std::filesystem::path& remote_path, bool recursive);
 
 // Appends the commands that delete `entry`, listed in `remote_dir`, in
-// depth-first post-order.
+// depth-first post-order, their paths written for `login_directory` (as the
+// client reported it) with command_path().
 void collect_removals(FtpClient& client,
                       const std::filesystem::path& remote_dir,
-                      const RemoteEntry& entry, CommandList& commands);
+                      const RemoteEntry& entry, CommandList& commands,
+                      const std::optional<std::string>& login_directory);
 
 // Write callback that drops the body of the request.
 std::size_t discard_body(char* data, std::size_t size, std::size_t count,
