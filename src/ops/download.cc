@@ -3,8 +3,10 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <system_error>
 
+#include "ftp/login_directory.h"
 #include "ftp/path.h"
 #include "listing/remote_listing.h"
 #include "ops/child_name.h"
@@ -37,7 +39,21 @@ void download_link(FtpClient& client, const fs::path& remote_dir,
     print_skip_line(full_path, "unable to resolve symbolic link");
     return;
   }
-  if (!target.has_root_directory()) target = remote_dir / target;
+  if (!target.has_root_directory()) {
+    target = remote_dir / target;
+  } else {
+    // An absolute target is the server's own path; requests take paths
+    // relative to the login directory, which differ unless the login
+    // directory is "/". A target outside the login directory cannot be
+    // reached that way, and looking its text up would find another entry.
+    std::optional<fs::path> reachable =
+        login_relative_target(target, client.login_directory());
+    if (!reachable) {
+      print_skip_line(full_path, "unable to resolve symbolic link");
+      return;
+    }
+    target = *std::move(reachable);
+  }
   const RemoteEntry target_entry = find_remote_entry(client, target);
   // The target's data lands under the link's own local name.
   download_entry(client, target.parent_path(), target_entry, local_target,
