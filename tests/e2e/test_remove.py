@@ -451,3 +451,157 @@ def test_remove_refused_directory_removal(brindle, scripted):
                                 ("RMD", "/d/sub")])
     assert snapshot(scripted.root) == {"d": DIR, "d/sub": DIR,
                                        "d/z.txt": b"z"}
+
+
+# ------------------------------------------------------- login directories
+
+# How the scripted server answers PWD, and the login directory it puts the
+# session in (below its root, as a server without chroot would): (script,
+# files' folder below the served root, command path prefix for absolute
+# remote paths, whether the deletions need a login of their own).
+HOME = "/home/u"
+QUOTED_HOME = '/home/my "q" dir'
+LOGIN_DIRECTORIES = {
+    # A chrooted server: the commands are exactly the walk's paths.
+    "root": ({}, "", "/", False),
+    "home": ({"login_dir": HOME}, "home/u/", HOME + "/", False),
+    "home-trailing-slash": (
+        {"login_dir": HOME, "failures": [
+            {"command": "PWD",
+             "reply": '257 "/home/u/" is the current directory.'}]},
+        "home/u/", HOME + "/", False),
+    # pyftpdlib doubles the quotes, libcurl undoes that.
+    "quoted-name": ({"login_dir": QUOTED_HOME}, QUOTED_HOME[1:] + "/",
+                    QUOTED_HOME + "/", False),
+    # libcurl knows no login directory: the commands are relative.
+    "pwd-refused": (
+        {"login_dir": HOME, "failures": [
+            {"command": "PWD", "reply": "550 PWD refused"}]},
+        "home/u/", "", True),
+    "not-absolute": (
+        {"login_dir": HOME, "failures": [
+            {"command": "PWD", "reply": '257 "QGPL" is the current library.'}]},
+        "home/u/", "", True),
+}
+
+
+def make_site(server, folder):
+    """/site/old below folder: a file and a nested one."""
+    server.make_file(folder + "site/old/a.txt", b"a")
+    server.make_file(folder + "site/old/img/x.png", b"x")
+    server.make_file(folder + "site/keep.txt", b"k")
+
+
+def make_decoy(server):
+    """The same tree at the server's own absolute path /site/old, outside a
+    login directory below the root; returns its snapshot."""
+    server.make_file("site/old/a.txt", b"decoy a")
+    server.make_file("site/old/img/x.png", b"decoy x")
+    return snapshot(server.path("site"))
+
+
+@pytest.mark.parametrize("case", sorted(LOGIN_DIRECTORIES))
+def test_remove_file_below_the_login_directory(brindle, scripted, case):
+    script, folder, prefix, afresh = LOGIN_DIRECTORIES[case]
+    scripted.script(script)
+    make_site(scripted, folder)
+    decoy = make_decoy(scripted) if folder else None
+
+    result = remove(brindle, scripted, "/site/old/a.txt")
+
+    assert_ok(result)
+    delete = ("DELE", prefix + "site/old/a.txt")
+    assert_deletions(scripted, [("NOOP", ""), delete])
+    # The lookup, then the deletions: on the same connection, or on a login
+    # of their own that starts in the login directory.
+    second = 2 if afresh else 1
+    assert sessions_of(scripted, {"USER", "LIST", "NOOP", "DELE"}) == [
+        (1, "USER", scripted.user), (1, "LIST", ""),
+    ] + ([(2, "USER", scripted.user)] if afresh else []) + [
+        (second, "NOOP", ""), (second,) + delete, (second, "LIST", ""),
+    ]
+    assert snapshot(scripted.path(folder + "site")) == {
+        "keep.txt": b"k", "old": DIR, "old/img": DIR, "old/img/x.png": b"x"}
+    if decoy is not None:
+        assert snapshot(scripted.path("site")) == decoy
+
+
+@pytest.mark.parametrize("case", sorted(LOGIN_DIRECTORIES))
+def test_remove_tree_below_the_login_directory(brindle, scripted, case):
+    script, folder, prefix, afresh = LOGIN_DIRECTORIES[case]
+    scripted.script(script)
+    make_site(scripted, folder)
+    decoy = make_decoy(scripted) if folder else None
+
+    result = remove(brindle, scripted, "/site/old", "--recursive")
+
+    assert_ok(result)
+    deletions = [
+        ("DELE", prefix + "site/old/a.txt"),
+        ("DELE", prefix + "site/old/img/x.png"),
+        ("RMD", prefix + "site/old/img"),
+        ("RMD", prefix + "site/old"),
+    ]
+    assert_deletions(scripted, [("NOOP", "")] + deletions)
+    if afresh:
+        # libcurl cannot bring a kept connection back to a login directory
+        # it does not know: every request logs in afresh.
+        expected = [
+            (1, "USER", scripted.user), (1, "LIST", ""),
+            (2, "USER", scripted.user), (2, "LIST", ""),
+            (3, "USER", scripted.user), (3, "LIST", ""),
+            (4, "USER", scripted.user), (4, "NOOP", ""),
+        ] + [(4,) + d for d in deletions] + [(4, "LIST", "")]
+    else:
+        expected = [
+            (1, "USER", scripted.user), (1, "LIST", ""), (1, "LIST", ""),
+            (1, "LIST", ""), (1, "NOOP", ""),
+        ] + [(1,) + d for d in deletions] + [(1, "LIST", "")]
+    assert sessions_of(scripted, {"USER", "LIST", "NOOP", "DELE",
+                                  "RMD"}) == expected
+    assert snapshot(scripted.path(folder + "site")) == {"keep.txt": b"k"}
+    if decoy is not None:
+        assert snapshot(scripted.path("site")) == decoy
+
+
+def test_remove_relative_path_below_the_login_directory(brindle, scripted):
+    scripted.script({"login_dir": HOME})
+    make_site(scripted, "home/u/")
+    decoy = make_decoy(scripted)
+
+    result = remove(brindle, scripted, "site/old", "--recursive")
+
+    assert_ok(result)
+    assert_deletions(scripted, [
+        ("NOOP", ""), ("DELE", "site/old/a.txt"),
+        ("DELE", "site/old/img/x.png"), ("RMD", "site/old/img"),
+        ("RMD", "site/old")])
+    # Relative commands: a login of their own, in the login directory.
+    logins = [s for s, c, a in sessions_of(scripted, {"USER"})]
+    deleting = {s for s, c, a in sessions_of(scripted, {"NOOP", "DELE", "RMD"})}
+    assert (logins, deleting) == ([1, 2], {2})
+    assert snapshot(scripted.path("home/u/site")) == {"keep.txt": b"k"}
+    assert snapshot(scripted.path("site")) == decoy
+
+
+def test_remove_path_with_spaces_below_the_login_directory(brindle, scripted):
+    scripted.script({"login_dir": QUOTED_HOME})
+    base = QUOTED_HOME[1:] + "/"
+    scripted.make_file(base + "my dir/a file.txt", b"a")
+    scripted.make_file(base + "my dir/sub dir/x  y.txt", b"xy")
+    scripted.make_file("my dir/a file.txt", b"decoy")
+    decoy = snapshot(scripted.path("my dir"))
+
+    result = remove(brindle, scripted, "/my dir", "--recursive")
+
+    assert_ok(result)
+    assert_deletions(scripted, [
+        ("NOOP", ""),
+        ("DELE", QUOTED_HOME + "/my dir/a file.txt"),
+        ("DELE", QUOTED_HOME + "/my dir/sub dir/x  y.txt"),
+        ("RMD", QUOTED_HOME + "/my dir/sub dir"),
+        ("RMD", QUOTED_HOME + "/my dir"),
+    ])
+    assert_single_login(scripted)
+    assert snapshot(scripted.path(QUOTED_HOME[1:])) == {}
+    assert snapshot(scripted.path("my dir")) == decoy
