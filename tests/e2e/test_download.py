@@ -301,6 +301,90 @@ def test_symlink_climbing_above_its_directory_is_invalid(real_server, local):
     assert local.tree() == {}
 
 
+# ------------------------------------------- links below a login directory
+
+# On a server that does not chroot, an absolute link target is the server's
+# own path. The scripted server's sessions start in /home/u below its root;
+# the decoys sit where the target's text would lead if it were taken as a
+# path relative to the login directory.
+
+def test_absolute_link_inside_the_login_directory_followed(scripted, local):
+    scripted.script({"login_dir": "/home/u"})
+    scripted.make_file("home/u/site/data/f.bin", BINARY)
+    scripted.make_symlink("home/u/site/lnk", "/home/u/site/data/f.bin")
+    scripted.make_file("home/u/site/tree/a.txt", b"a")
+    scripted.make_file("home/u/site/tree/sub/b.txt", b"b")
+    scripted.make_symlink("home/u/site/ld", "/home/u/site/tree")
+    scripted.make_file("home/u/home/u/site/data/f.bin", b"decoy")
+    scripted.make_file("home/u/home/u/site/tree/a.txt", b"decoy")
+
+    first = local.download(scripted, "/site/lnk", "copy", "--follow-symlinks")
+    second = local.download(scripted, "site/ld", "mirror",
+                            "--follow-symlinks")
+
+    assert_outcome(first, 0)
+    assert_outcome(second, 0)
+    assert local.tree() == {"copy": BINARY, "mirror": DIR,
+                            "mirror/a.txt": b"a", "mirror/sub": DIR,
+                            "mirror/sub/b.txt": b"b"}
+
+
+def test_absolute_link_outside_the_login_directory_is_unresolvable(
+        scripted, local):
+    scripted.script({"login_dir": "/home/u"})
+    scripted.make_symlink("home/u/site/out", "/srv/data.txt")
+    scripted.make_symlink("home/u/site/up", "/home")
+    scripted.make_file("home/u/site/in.txt", b"in")
+    scripted.make_file("srv/data.txt", b"outside")
+    scripted.make_file("home/u/srv/data.txt", b"decoy")
+    scripted.make_file("home/u/home", b"decoy")
+
+    result = local.download(scripted, "/site", "out", "--recursive",
+                            "--follow-symlinks")
+
+    assert_outcome(result, 0, stdout=(
+        skip_line(b"/site/out", "unable to resolve symbolic link") +
+        skip_line(b"/site/up", "unable to resolve symbolic link")))
+    assert local.tree() == {"out": DIR, "out/in.txt": b"in"}
+    # Nothing was looked up outside the login directory, nor the decoys.
+    retrieved = [a for c, a in scripted.commands() if c == "RETR"]
+    assert retrieved == ["in.txt"]
+
+
+@pytest.mark.parametrize("pwd_reply", [
+    "550 PWD refused", '257 "QGPL" is the current library.'],
+    ids=["pwd-refused", "not-absolute"])
+def test_absolute_link_with_unknown_login_directory_is_unresolvable(
+        scripted, local, pwd_reply):
+    scripted.script({"login_dir": "/home/u", "failures": [
+        {"command": "PWD", "reply": pwd_reply}]})
+    scripted.make_file("home/u/site/data.txt", b"data")
+    scripted.make_symlink("home/u/site/abs", "/home/u/site/data.txt")
+    scripted.make_symlink("home/u/site/rel", "data.txt")
+    scripted.make_file("home/u/home/u/site/data.txt", b"decoy")
+
+    result = local.download(scripted, "/site", "out", "--recursive",
+                            "--follow-symlinks")
+
+    # Which directory "/home/u/..." is relative to cannot be told; a
+    # relative target can.
+    assert_outcome(result, 0, stdout=skip_line(
+        b"/site/abs", "unable to resolve symbolic link"))
+    assert local.tree() == {"out": DIR, "out/data.txt": b"data",
+                            "out/rel": b"data"}
+
+
+def test_absolute_link_on_a_chrooted_server_followed_as_it_stands(
+        real_server, local):
+    real_server.make_file("data/f.bin", BINARY)
+    real_server.make_symlink("dir/l", "/data/f.bin")
+
+    result = local.download(real_server, "/dir/l", "copy", "--follow-symlinks")
+
+    assert_outcome(result, 0)
+    assert local.tree() == {"copy": BINARY}
+
+
 # ------------------------------------------------------ unsupported types
 
 def test_fifos_devices_and_sockets_are_skipped(scripted, local):
