@@ -6,7 +6,9 @@
   vsftpd         a real vsftpd, logging in a throwaway local account
   proftpd        ProFTPD 1.3.8 (unpacked by scripts/ftp-servers.sh), likewise
   pureftpd       Pure-FTPd 1.0.50 (unpacked likewise), likewise
-  start_server   starts any of the four kinds, for wider-scoped fixtures
+  start_server   starts any of these kinds, or vsftpd and ProFTPD without
+                 chroot ("vsftpd-nochroot", "proftpd-nochroot"), for
+                 wider-scoped fixtures
   local_account  that throwaway account (session-wide; needs root)
   any_server     each of scripted/vsftpd in passive and active mode
 """
@@ -141,8 +143,18 @@ def vsftpd(request):
 
 _DAEMONS = {
     "vsftpd": (ftptest.VSFTPD, "apt-get install vsftpd"),
+    "vsftpd-nochroot": (ftptest.VSFTPD, "apt-get install vsftpd"),
     "proftpd": (ftptest.PROFTPD, "run scripts/ftp-servers.sh"),
+    "proftpd-nochroot": (ftptest.PROFTPD, "run scripts/ftp-servers.sh"),
     "pureftpd": (ftptest.PURE_FTPD, "run scripts/ftp-servers.sh"),
+}
+
+_DAEMON_CLASSES = {
+    "vsftpd": ftptest.VsftpdServer,
+    "vsftpd-nochroot": ftptest.VsftpdHomeServer,
+    "proftpd": ftptest.ProftpdServer,
+    "proftpd-nochroot": ftptest.ProftpdHomeServer,
+    "pureftpd": ftptest.PureftpdServer,
 }
 
 
@@ -154,7 +166,7 @@ def _require_daemon(kind):
     binary, remedy = _DAEMONS[kind]
     if not os.path.exists(str(binary)):
         reason = "%s is missing (%s)" % (binary, remedy)
-        if os.environ.get("CI") == "true" and kind != "vsftpd":
+        if os.environ.get("CI") == "true" and binary != ftptest.VSFTPD:
             pytest.fail("CI: " + reason)
         _skip(reason)
 
@@ -162,19 +174,16 @@ def _require_daemon(kind):
 @pytest.fixture(scope="session")
 def start_server(request):
     """start_server(kind, options=()) starts and returns a server of kind
-    "scripted", "vsftpd", "proftpd" or "pureftpd" (options: extra
-    vsftpd settings, ProFTPD configuration lines or Pure-FTPd switches);
-    the caller stops it."""
+    "scripted", "vsftpd", "vsftpd-nochroot", "proftpd",
+    "proftpd-nochroot" or "pureftpd" (options: extra vsftpd settings,
+    ProFTPD configuration lines or Pure-FTPd switches); the caller stops
+    it."""
     def start(kind, options=()):
         if kind == "scripted":
             return ftptest.ScriptedServer().start()
         _require_daemon(kind)
         account = request.getfixturevalue("local_account")
-        if kind == "vsftpd":
-            return ftptest.VsftpdServer(account, options).start()
-        if kind == "proftpd":
-            return ftptest.ProftpdServer(account, options).start()
-        return ftptest.PureftpdServer(account, options).start()
+        return _DAEMON_CLASSES[kind](account, options).start()
     return start
 
 

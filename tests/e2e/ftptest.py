@@ -457,6 +457,10 @@ class FtpServer(object):
     """What every test server offers; subclasses start and stop one."""
 
     kind = None
+    # Whether the server chroots the account to its root.  One that does
+    # not starts the session in the root's own absolute path, and resolves
+    # absolute paths in commands (DELE /x) against the machine's "/".
+    chroot = True
 
     def __init__(self, user, password):
         self.host = HOST
@@ -494,6 +498,18 @@ class FtpServer(object):
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                               timeout=timeout)
         return RunResult(argv, done.returncode, done.stdout, done.stderr)
+
+    @property
+    def login_dir(self):
+        """The directory PWD names after login."""
+        return "/" if self.chroot else str(self.root)
+
+    def server_path(self, path):
+        """The server's own name for a path relative to the login
+        directory, as a command that takes a path (DELE, RMD) must say."""
+        if self.chroot or not path.startswith("/"):
+            return path
+        return self.login_dir.rstrip("/") + path
 
     # -- files below the served root
 
@@ -769,7 +785,8 @@ class _DaemonServer(FtpServer):
 
 
 class VsftpdServer(_DaemonServer):
-    """vsftpd serving a temporary root as a local account, chrooted."""
+    """vsftpd serving a temporary root as a local account, chrooted (or,
+    with chroot False, starting there as Debian's default does)."""
 
     kind = "vsftpd"
     daemon = VSFTPD
@@ -787,7 +804,7 @@ class VsftpdServer(_DaemonServer):
             ("write_enable", "YES"),
             ("local_umask", "022"),
             ("local_root", str(self.root)),
-            ("chroot_local_user", "YES"),
+            ("chroot_local_user", "YES" if self.chroot else "NO"),
             ("allow_writeable_chroot", "YES"),
             ("secure_chroot_dir", str(self.empty_dir)),
             ("seccomp_sandbox", "NO"),
@@ -833,6 +850,14 @@ class VsftpdServer(_DaemonServer):
 
     def commands(self):
         return parse_vsftpd_commands(self.log_text())
+
+
+class VsftpdHomeServer(VsftpdServer):
+    """vsftpd without chroot: the session starts in the temporary root and
+    absolute paths are the machine's own."""
+
+    kind = "vsftpd-nochroot"
+    chroot = False
 
 
 # ------------------------------------------- servers unpacked, not installed
@@ -893,7 +918,7 @@ class ProftpdServer(_DaemonServer):
             'AuthUserFile %s' % users,
             'AuthGroupFile %s' % groups,
             'RequireValidShell off',
-            'DefaultRoot ~',
+        ] + (['DefaultRoot ~'] if self.chroot else []) + [
             'AllowOverwrite on',
             'Umask 022',
             'LogFormat commands "%r"',
@@ -918,6 +943,14 @@ class ProftpdServer(_DaemonServer):
         done = subprocess.run([str(PROFTPD), "-v"], stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT)
         return done.stdout.decode(errors="replace").strip()
+
+
+class ProftpdHomeServer(ProftpdServer):
+    """ProFTPD without DefaultRoot: the session starts in the account's
+    home, the temporary root, and absolute paths are the machine's own."""
+
+    kind = "proftpd-nochroot"
+    chroot = False
 
 
 # Runs a program with its own /dev holding a "log" socket of ours, so that
