@@ -29,9 +29,17 @@ REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 TEST_FILE = os.path.join(REPO, "tests", "e2e", "test_compat.py")
 DEFAULT_OUTPUT = os.path.join(REPO, "docs", "compatibility.md")
 
-SERVERS = ["scripted", "vsftpd", "proftpd", "pureftpd"]
+SERVERS = ["scripted", "vsftpd", "proftpd", "pureftpd", "vsftpd-nochroot",
+           "proftpd-nochroot"]
 SERVER_NAMES = {"scripted": "pyftpdlib (scripted)", "vsftpd": "vsftpd",
-                "proftpd": "ProFTPD", "pureftpd": "Pure-FTPd"}
+                "proftpd": "ProFTPD", "pureftpd": "Pure-FTPd",
+                "vsftpd-nochroot": "vsftpd without chroot",
+                "proftpd-nochroot": "ProFTPD without chroot"}
+# Column titles of the matrix.
+SHORT_NAMES = {"scripted": "pyftpdlib", "vsftpd": "vsftpd",
+               "proftpd": "ProFTPD", "pureftpd": "Pure-FTPd",
+               "vsftpd-nochroot": "vsftpd no-chroot",
+               "proftpd-nochroot": "ProFTPD no-chroot"}
 MODES = ["passive", "active"]
 
 # (test function, parameter that tells the scenario apart, row title)
@@ -82,6 +90,17 @@ FORMAT_NOTES = {
                 "`--list` of one cannot find it, and a tree holding one "
                 "cannot be removed), NLST in directory order with `.` and "
                 "`..` among the names.",
+    "vsftpd-nochroot": "As vsftpd's. Started with `chroot_local_user=NO` "
+                       "and `local_root` set to the served folder, as "
+                       "Debian's vsftpd logs a local account in to its "
+                       "home: `PWD` names the folder's machine path, and "
+                       "brindle's `DELE` and `RMD` carry that path in "
+                       "front of the remote path.",
+    "proftpd-nochroot": "As ProFTPD's. Started without `DefaultRoot`, as "
+                        "Debian ships it: the account logs in to its home, "
+                        "the served folder, which `PWD` names by its "
+                        "machine path; brindle's `DELE` and `RMD` carry "
+                        "that path in front of the remote path.",
 }
 
 # How to keep each variant's lines acceptable, by variant id prefix.
@@ -231,7 +250,9 @@ def render(suite, cases):
       "tests/e2e/test_compat.py; do not edit by hand. -->")
     w("")
     w("brindle against four FTP servers, each in passive and active mode, "
-      "on 127.0.0.1. Every cell is one test of `tests/e2e/test_compat.py` "
+      "on 127.0.0.1; vsftpd and ProFTPD also without chroot, where the "
+      "login directory is the account's home by its machine path rather "
+      "than the server's `/`. Every cell is one test of `tests/e2e/test_compat.py` "
       "that checks brindle's exact standard output, standard error and "
       "exit status, the files on disk and on the server, and the commands "
       "the server logged. The expected listings are computed from the "
@@ -280,8 +301,7 @@ def render(suite, cases):
     w("")
     notes = []
     header = "| Scenario | " + " | ".join(
-        "%s %s" % (SERVER_NAMES[s].split(" ")[0], m)
-        for s in SERVERS for m in MODES) + " |"
+        "%s %s" % (SHORT_NAMES[s], m) for s in SERVERS for m in MODES) + " |"
     w(header)
     w("|---" * (1 + len(SERVERS) * len(MODES)) + "|")
     for function, flag, title in SCENARIOS:

@@ -1,6 +1,12 @@
 """The compatibility matrix: the same scenarios against every server that
 brindle is tested with (the scripted pyftpdlib server, vsftpd, ProFTPD and
-Pure-FTPd), each in passive and in active mode.
+Pure-FTPd, and vsftpd and ProFTPD without chroot), each in passive and in
+active mode.
+
+The servers without chroot log the account in to the temporary root by its
+machine path: the scenarios' remote paths are relative to that login
+directory, while the paths the server logs in DELE and RMD, or reaches
+with an absolute CWD, are the machine's own.
 
 Every server formats its listings its own way: owners as names or numbers,
 days padded with a zero or a blank, sorted or in directory order, with or
@@ -35,7 +41,8 @@ import pytest
 import ftptest
 from ftptest import DIR, named, snapshot
 
-SERVERS = ["scripted", "vsftpd", "proftpd", "pureftpd"]
+SERVERS = ["scripted", "vsftpd", "proftpd", "pureftpd", "vsftpd-nochroot",
+           "proftpd-nochroot"]
 MODES = ["passive", "active"]
 TIMEOUT = 30
 
@@ -119,7 +126,7 @@ def server_version(server):
                  "import pyftpdlib; print(pyftpdlib.__ver__)"],
                 stdout=subprocess.PIPE).stdout.decode().strip()
             _versions[server.kind] = "pyftpdlib " + out
-        elif server.kind == "vsftpd":
+        elif isinstance(server, ftptest.VsftpdServer):
             out = subprocess.run(
                 ["dpkg-query", "-W", "-f", "${Version}", "vsftpd"],
                 stdout=subprocess.PIPE).stdout.decode().strip()
@@ -280,6 +287,8 @@ class PureftpdDialect(Dialect):
 
 
 DIALECTS = {"scripted": ScriptedDialect, "vsftpd": VsftpdDialect,
+            "vsftpd-nochroot": VsftpdDialect,
+            "proftpd-nochroot": ProftpdDialect,
             "proftpd": ProftpdDialect, "pureftpd": PureftpdDialect}
 
 
@@ -309,10 +318,11 @@ def settle(server):
         wait()
 
 
-def resolved(commands, *names):
-    """(command, absolute path) for the named commands, following the
-    client's CWDs from the login directory "/"."""
-    cwd = before = "/"
+def resolved(commands, *names, login_dir="/"):
+    """(command, path) for the named commands, following the client's CWDs
+    from the login directory; each path is absolute and relative to the
+    login directory (a path outside it stays the server's own)."""
+    cwd = before = login_dir
     found = []
     last = None
     for command, arg in commands:
@@ -320,15 +330,27 @@ def resolved(commands, *names):
             # libcurl makes a directory after it failed to enter it.
             cwd = before
         if command == "USER":
-            cwd = "/"
+            cwd = login_dir
         elif command == "CWD":
             before = cwd
             cwd = posixpath.normpath(posixpath.join(cwd, arg))
         last = (command, arg)
         if command in names:
-            found.append((command, posixpath.normpath(
-                posixpath.join(cwd, arg or "."))))
+            path = posixpath.normpath(posixpath.join(cwd, arg or "."))
+            found.append((command, login_relative(path, login_dir)))
     return found
+
+
+def login_relative(path, login_dir):
+    """A server's absolute path as a path relative to login_dir."""
+    base = login_dir.rstrip("/")
+    if not base:
+        return path
+    if path == base:
+        return "/"
+    if path.startswith(base + "/"):
+        return path[len(base):]
+    return path
 
 
 def run(brindle, server, *args):
@@ -402,7 +424,8 @@ def raw_list_lines(server, directory):
         ftp.connect(server.host, server.port, timeout=10)
         ftp.login(server.user, server.password)
         ftp.set_pasv(True)
-        ftp.cwd(directory)
+        # Relative to the login directory, as brindle's paths are.
+        ftp.cwd(directory.lstrip("/") or ".")
         ftp.retrbinary("LIST", chunks.append)
     return b"".join(chunks).splitlines(keepends=True)
 
@@ -514,7 +537,8 @@ def test_download_tree(brindle, server, download_source, local_account,
                                                "out", follow)
     ok(result, stdout)
     assert snapshot(brindle.workdir) == tree
-    assert resolved(log.since(), "LIST", "RETR") == requests
+    assert resolved(log.since(), "LIST", "RETR",
+                    login_dir=server.login_dir) == requests
     # The expectation comes from the served files: make sure they are
     # the sample's bytes, so the comparison above is about them.
     assert (tree["out/all-bytes.bin"], tree["out/big.bin"]) == (BINARY, BIG)
@@ -588,9 +612,10 @@ def test_upload_tree(brindle, server, local_account, report, follow):
               if k == remote[1:] or k.startswith(remote[1:] + "/")}
     assert served == tree
     commands = log.since()
-    assert resolved(commands, "STOR") == stores
+    assert resolved(commands, "STOR", login_dir=server.login_dir) == stores
     # Every missing directory is made once, by the first file inside it.
-    assert sorted(resolved(commands, "MKD")) == sorted(made)
+    assert sorted(resolved(commands, "MKD",
+                           login_dir=server.login_dir)) == sorted(made)
     if server.kind != "scripted":
         # The daemons store as the logged-in account.
         owners = {os.lstat(str(server.path(k))).st_uid for k in served}
@@ -659,7 +684,8 @@ def test_remove_tree(brindle, server, removal_source, report):
                  removal_source, "--recursive")
 
     sent = named(log.since(), "NOOP", "DELE", "RMD")
-    assert sent == accepted
+    # The server's own names for the entries below the login directory.
+    assert sent == [(c, server.server_path(p)) for c, p in accepted]
     if refused is None:
         ok(result)
         assert served_tree(server, "/rm") == {"keep.txt": b"link target\n"}
