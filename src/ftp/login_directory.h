@@ -19,7 +19,8 @@
 // True when `login_directory` can be relied on: a text that starts with "/"
 // and holds no CR or LF. A server that refused PWD (no text) or answered with
 // something that is no absolute Unix path ("QGPL", "C:\x") leaves it unknown.
-bool is_known_login_directory(const std::optional<std::string>& login_directory);
+bool is_known_login_directory(
+    const std::optional<std::string>& login_directory);
 
 // The text that names `path` (a path relative to the login directory) in a
 // command that the server resolves against its own root or its current

@@ -55,7 +55,8 @@ void remove_command(const FtpSettings& settings, const fs::path& remote_path,
   // connection. Relative ones (a relative remote path, or an absolute one
   // below a login directory that the server did not name) must be resolved
   // against the login directory, so for them the request logs in afresh.
-  if (!remote.has_root_directory() || !is_known_login_directory(login_directory))
+  if (!remote.has_root_directory() ||
+      !is_known_login_directory(login_directory))
     client.set_option(CURLOPT_FRESH_CONNECT, 1L);
   // The empty path addresses the server's base URL: the commands run before
   // any change of directory, and the listing that follows them is dropped.

@@ -116,6 +116,14 @@ TEST(FtpClient, StaysUsableAfterAFailedRequest) {
                          std::to_string(refusing.port()) + "/b': Failed"));
 }
 
+TEST(FtpClient, KnowsNoLoginDirectoryWithoutALogin) {
+  RefusingPort refusing;
+  FtpClient client(settings_for(refusing.port()));
+  EXPECT_EQ(client.login_directory(), std::nullopt);
+  failure_of(client, "/a");
+  EXPECT_EQ(client.login_directory(), std::nullopt);
+}
+
 TEST(FtpClient, RetriesWithoutWaitingWhenTheDelayIsZero) {
   RefusingPort refusing;
   FtpSettings settings = settings_for(refusing.port());

@@ -49,8 +49,7 @@ TEST(CommandPath, KeepsSpacesAndQuotesAsTheyAre) {
 TEST(CommandPath, UnknownLoginDirectoryMakesThePathRelative) {
   EXPECT_EQ(command_path("/site/old/a.txt", nullopt), "site/old/a.txt");
   EXPECT_EQ(command_path("/site/old/a.txt", string("QGPL")), "site/old/a.txt");
-  EXPECT_EQ(command_path("/site/old/a.txt", string("C:\\x")),
-            "site/old/a.txt");
+  EXPECT_EQ(command_path("/site/old/a.txt", string("C:\\x")), "site/old/a.txt");
   EXPECT_EQ(command_path("/site", string("/home\n")), "site");
 }
 
@@ -73,16 +72,14 @@ TEST(LoginRelativeTarget, TargetInsideTheLoginDirectoryLosesItsPrefix) {
             fs::path("/site/data"));
   EXPECT_EQ(login_relative_target("/home/u/site/data", string("/home/u/")),
             fs::path("/site/data"));
-  EXPECT_EQ(login_relative_target("/home/u", string("/home/u")),
-            fs::path("/"));
+  EXPECT_EQ(login_relative_target("/home/u", string("/home/u")), fs::path("/"));
   EXPECT_EQ(login_relative_target("/home/u/", string("/home/u")),
             fs::path("/"));
 }
 
 TEST(LoginRelativeTarget, TargetOutsideTheLoginDirectoryIsUnreachable) {
   EXPECT_EQ(login_relative_target("/site/data", string("/home/u")), nullopt);
-  EXPECT_EQ(login_relative_target("/home/uv/data", string("/home/u")),
-            nullopt);
+  EXPECT_EQ(login_relative_target("/home/uv/data", string("/home/u")), nullopt);
   EXPECT_EQ(login_relative_target("/home", string("/home/u")), nullopt);
   EXPECT_EQ(login_relative_target("/", string("/home/u")), nullopt);
 }
