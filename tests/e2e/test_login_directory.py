@@ -60,6 +60,9 @@ class Site(object):
         self.server = server
         self.top = "brindle-decoy-" + secrets.token_hex(6)
         self.decoy = Path("/") / self.top
+
+    def populate(self):
+        server = self.server
         for rel, data in self.TREE.items():
             if data is None:
                 server.make_dir(self.top + "/" + rel.rstrip("/"))
@@ -98,6 +101,7 @@ class Site(object):
 def site(server):
     made = Site(server)
     try:
+        made.populate()
         yield made
     finally:
         made.cleanup()
