@@ -54,9 +54,9 @@ class FtpClient {
   // Brings the handle into the base state, creating it when there is none.
   void reset_handle();
 
-  // The login directory as the server answered PWD after the last login
-  // that the library reported (quotes undone), whatever its form; none
-  // before the first request and while the server has refused PWD. See
+  // The login directory as the server last named it in answer to PWD after
+  // a login (quotes undone), whatever its form; none until a login named
+  // one (before the first request, or while the server refuses PWD). See
   // ftp/login_directory.h for what can be relied on.
   const std::optional<std::string>& login_directory() const {
     return login_directory_;
