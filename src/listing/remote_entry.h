@@ -16,7 +16,8 @@
 
 class RemoteEntry {
  public:
-  // The named fields of the pattern.
+  // The named fields of the pattern. `name` stays the last one: the count
+  // of fields is taken from it.
   enum class Field {
     type,
     permission,
@@ -61,7 +62,9 @@ class RemoteEntry {
     std::size_t length = 0;
     bool matched = false;
   };
-  static constexpr std::size_t kFieldCount = 8;
+  // One range per field, indexed by Field, whose last field is `name`.
+  static constexpr std::size_t kFieldCount =
+      static_cast<std::size_t>(Field::name) + 1;
 
   std::string line_;
   std::array<Range, kFieldCount> fields_;

@@ -6,3 +6,22 @@ ChildName classify_child_name(std::string_view name) {
     return ChildName::unsafe;
   return ChildName::ordinary;
 }
+
+void for_each_child(const RemoteListing& listing,
+                    const std::filesystem::path& directory,
+                    const ChildVisitor& visit,
+                    const UnsafeChildHandler& refuse) {
+  for (const RemoteEntry& child : listing) {
+    const std::string name = child.entry_name(false);
+    switch (classify_child_name(name)) {
+      case ChildName::self_or_parent:
+        break;
+      case ChildName::unsafe:
+        refuse(directory / name);
+        break;
+      case ChildName::ordinary:
+        visit(child, name);
+        break;
+    }
+  }
+}

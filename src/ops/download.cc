@@ -69,20 +69,15 @@ void download_directory(FtpClient& client, const fs::path& full_path,
                                local_target.native() + "': " + error.message());
   }
   const RemoteListing listing = list_directory(client, full_path);
-  for (const RemoteEntry& child : listing) {
-    const std::string name = child.entry_name(false);
-    switch (classify_child_name(name)) {
-      case ChildName::self_or_parent:
-        continue;
-      case ChildName::unsafe:
-        print_skip_line(full_path / name, "unsafe file name");
-        continue;
-      case ChildName::ordinary:
+  for_each_child(
+      listing, full_path,
+      [&](const RemoteEntry& child, const std::string& name) {
         download_entry(client, full_path, child, local_target / name,
                        follow_symlinks);
-        break;
-    }
-  }
+      },
+      [](const fs::path& unsafe) {
+        print_skip_line(unsafe, kUnsafeNameReason);
+      });
 }
 
 void download_file(FtpClient& client, const fs::path& full_path,

@@ -73,20 +73,17 @@ void collect_removals(FtpClient& client, const fs::path& remote_dir,
     return;
   }
   const RemoteListing listing = list_directory(client, full_path);
-  for (const RemoteEntry& child : listing) {
-    const std::string name = child.entry_name(false);
-    switch (classify_child_name(name)) {
-      case ChildName::self_or_parent:
-        continue;
-      case ChildName::unsafe:
-        throw TorvaneUtilException("Unable to remove remote path '" +
-                                   printable_path(full_path / name) +
-                                   "': unsafe file name");
-      case ChildName::ordinary:
+  // A refused name ends the walk before anything has been sent.
+  for_each_child(
+      listing, full_path,
+      [&](const RemoteEntry& child, const std::string& /*name*/) {
         collect_removals(client, full_path, child, commands, login_directory);
-        break;
-    }
-  }
+      },
+      [](const fs::path& unsafe) {
+        throw TorvaneUtilException("Unable to remove remote path '" +
+                                   printable_path(unsafe) +
+                                   "': " + std::string(kUnsafeNameReason));
+      });
   commands.append("RMD " + command_path(full_path, login_directory));
 }
 

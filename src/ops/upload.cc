@@ -78,14 +78,16 @@ void upload_command(const FtpSettings& settings, const fs::path& local_path,
     remote /= local.filename();
 
   FtpClient client(settings);
-  // The throwing status queries: only "not found" becomes this program's own
+  // The throwing status query: only "not found" becomes this program's own
   // message; any other error escapes as the library's file system error.
-  const fs::file_type type = fs::status(local).type();
-  if (type == fs::file_type::not_found || type == fs::file_type::none) {
+  // The status follows links, so a link to a directory counts as one.
+  const fs::file_status status = fs::status(local);
+  if (status.type() == fs::file_type::not_found ||
+      status.type() == fs::file_type::none) {
     throw TorvaneUtilException("Unable to upload '" + local.native() +
                                "': file not found");
   }
-  if (!recursive && fs::is_directory(fs::status(local))) {
+  if (!recursive && fs::is_directory(status)) {
     throw TorvaneUtilException("Unable to upload remote directory '" +
                                local.native() +
                                "': recursive operation isn't allowed");

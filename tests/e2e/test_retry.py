@@ -6,6 +6,8 @@ Waits are whole seconds slept by the client, so the bounds below leave
 generous room for a slow machine while still telling 0, 1 and 2 s apart.
 """
 
+import time
+
 import pytest
 
 
@@ -85,11 +87,17 @@ def test_gives_up_when_the_retries_are_spent(brindle, scripted):
 
 
 def test_refused_connections_are_retried(brindle, scripted):
+    # Nothing listens to count the attempts: the two waits of a second
+    # between three attempts show them (one retry more or less is a second
+    # more or less).
     port = scripted.port
     scripted.stop()
+    started = time.monotonic()
     result = brindle.run("--list", "--host", "127.0.0.1", "--port", str(port),
                          "--remote-path", "/.", "--retry", "2",
-                         "--retry-delay", "0")
+                         "--retry-delay", "1")
+    elapsed = time.monotonic() - started
+    assert 2 <= elapsed < 2.7, elapsed
     assert result.status == 1
     assert result.stderr.startswith(
         b"Unable to perform request for 'ftp://127.0.0.1:%d/.': "

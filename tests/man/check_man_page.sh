@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Checks the rendered manual page brindle(1): man and groff format it without
 # a single warning, it has the usual sections, and it documents every option
-# of `brindle --help`, every exit status and every skip line.
+# of `brindle --help`, every exit status, every skip line and the behaviours
+# a script must know.
 # Usage: check_man_page.sh PAGE BRINDLE
 set -euo pipefail
 
@@ -28,7 +29,8 @@ groff -ww -z -t -man -Tutf8 "$page" 2>"$work/groff.err" ||
 
 # Sections, in order.
 expected_sections="NAME/SYNOPSIS/DESCRIPTION/COMMANDS/OPTIONS/PATHS/LISTING FORMATS"
-expected_sections+="/ENVIRONMENT/EXIT STATUS/EXAMPLES/SECURITY/NOTES/SEE ALSO"
+expected_sections+="/ENVIRONMENT/EXIT STATUS/EXAMPLES"
+expected_sections+="/BEHAVIOUR TO KNOW BEFORE YOU SCRIPT IT/SECURITY/NOTES/SEE ALSO"
 sections=$(grep -E '^[A-Z][A-Z ]+$' "$work/page.txt" | paste -sd / -)
 [ "$sections" == "$expected_sections" ] || fail "sections: $sections"
 
@@ -75,8 +77,23 @@ for phrase in "download and remove pass over them silently" \
   [[ $security == *"$phrase"* ]] || fail "SECURITY lacks: $phrase"
 done
 
+# The behaviours a script must know, each with its example's outcome.
+behaviour=$(section 'BEHAVIOUR TO KNOW BEFORE YOU SCRIPT IT' | tr -s ' \n' '  ')
+for phrase in "A download whose local write fails still exits 0." \
+  "65536 /mnt/small/big.bin" \
+  "A retried download appends the whole file to the bytes already written." \
+  "1,row 1 21,row 1 2,row 2 3,row 3" \
+  "An upload retried after its local file was read to the end sends an empty remainder." \
+  "A remove is sent as one command list after a NOOP." \
+  "QUOT command failed with 502" \
+  "A retried remove meets entries that an earlier attempt already deleted." \
+  "QUOT command failed with 550"; do
+  [[ $behaviour == *"$phrase"* ]] || fail "BEHAVIOUR section lacks: $phrase"
+done
+
 if [ "$failed" -ne 0 ]; then
   echo "man page: $failed checks failed"
   exit 1
 fi
-echo "man page: no warnings; sections, options, exit statuses and skip lines all there"
+echo "man page: no warnings; sections, options, exit statuses, skip lines and"
+echo "  the behaviours a script must know all there"

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -80,10 +81,23 @@ TEST(FrameDemangler, KeepsLinesWithoutADemanglableName) {
 }
 
 TEST(Traceback, SkipsTheRequestedLeadingFrames) {
-  const torvane::Traceback all(0);
-  const torvane::Traceback skipped(2);
-  EXPECT_EQ(skipped.frames_to_skip(), 2u);
-  EXPECT_EQ(lines_of(printed(skipped)).size() + 2, skipped.frame_count() + 1);
+  // Both tracebacks are taken at the same call site, so they hold the same
+  // frames; only what is printed of them differs.
+  std::vector<std::vector<std::string>> lines;
+  std::vector<std::uint64_t> skips;
+  for (const std::uint64_t skip : {0u, 2u}) {
+    const torvane::Traceback traceback(skip);
+    skips.push_back(traceback.frames_to_skip());
+    lines.push_back(lines_of(printed(traceback)));
+  }
+  const auto& all = lines[0];
+  const auto& skipped = lines[1];
+  EXPECT_EQ(skips, (std::vector<std::uint64_t>{0, 2}));
+  ASSERT_GE(skipped.size(), 2u);
+  ASSERT_EQ(skipped.size() + 2, all.size());
+  EXPECT_EQ(skipped[0], "Traceback:");
+  EXPECT_EQ(std::vector<std::string>(skipped.begin() + 1, skipped.end()),
+            std::vector<std::string>(all.begin() + 3, all.end()));
 }
 
 TEST(Traceback, PrintsOnlyTheHeaderWhenEveryFrameIsSkipped) {
@@ -100,8 +114,13 @@ TEST(Traceback, LowersASkipCountLargerThanTheFramesCaptured) {
 }
 
 TEST(Traceback, PrintsTheSameLinesTwice) {
+  // The symbols are looked up on the first print and kept for the second.
   const torvane::Traceback traceback(1);
-  EXPECT_EQ(printed(traceback), printed(traceback));
+  const std::string first = printed(traceback);
+  const std::string second = printed(traceback);
+  ASSERT_EQ(lines_of(first).size(), traceback.frame_count());
+  EXPECT_THAT(first, StartsWith("Traceback:\n\t"));
+  EXPECT_EQ(second, first);
 }
 
 }  // namespace
