@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Fetches the FTP daemons that the compatibility tests run besides vsftpd
-# (ProFTPD and Pure-FTPd) and unpacks them, without installing them, into a
-# cache folder that outlives build/: Debian's FTP daemons conflict with each
-# other as packages, so only vsftpd is installed; the others run from the
-# unpacked tree. Their runtime libraries are installed normally
+# (ProFTPD, Pure-FTPd, GNU inetutils ftpd and, where the Debian release still
+# has it, ftpd-ssl) and unpacks them, without installing them, into a cache
+# folder that outlives build/: Debian's FTP daemons conflict with each other
+# as packages, so only vsftpd is installed; the others run from the unpacked
+# tree. (The servers that conflict with nothing, Twisted, aioftp and GridFTP,
+# are installed as TEST_PACKAGES of scripts/packages.sh.) Their runtime libraries are installed normally
 # (COMPAT_PACKAGES in scripts/packages.sh).
 #
 # The folder is $BRINDLE_FTP_SERVERS, by default
@@ -14,7 +16,9 @@ cd "$(dirname "$0")/.."
 source scripts/packages.sh
 
 cache="${BRINDLE_FTP_SERVERS:-/var/cache/brindle-tests/servers}"
-packages=(proftpd-core pure-ftpd pure-ftpd-common)
+packages=(proftpd-core pure-ftpd pure-ftpd-common inetutils-ftpd)
+# Debian 13 no longer has ftpd-ssl; its tests say so and skip there.
+optional=(ftpd-ssl)
 
 if [ "$(id -u)" -ne 0 ]; then
   # The daemons' tests need root and skip without it; so does this.
@@ -25,17 +29,22 @@ fi
 install_missing "${COMPAT_PACKAGES[@]}"
 
 # The versions apt would fetch now; the stamp records what was unpacked.
-wanted=$(apt-cache policy "${packages[@]}" |
-  awk '/^[^ ]/ {name=$1} /Candidate:/ {print name, $2}')
-if [ -f "$cache/stamp" ] && [ "$(cat "$cache/stamp")" = "$wanted" ] &&
-  [ -x "$cache/usr/sbin/proftpd" ] && [ -x "$cache/usr/sbin/pure-ftpd" ]; then
-  exit 0
-fi
-if ! grep -q ' [0-9]' <<<"$wanted"; then
+candidates() {
+  apt-cache policy "$@" 2>/dev/null |
+    awk '/^[^ ]/ {name=$1} /Candidate:/ && $2 != "(none)" {print name, $2}'
+}
+if ! grep -q ' [0-9]' <<<"$(candidates "${packages[@]}")"; then
   # No package lists yet (a fresh machine): fetch them once.
   apt-get update -qq
-  wanted=$(apt-cache policy "${packages[@]}" |
-    awk '/^[^ ]/ {name=$1} /Candidate:/ {print name, $2}')
+fi
+for package in "${optional[@]}"; do
+  [ -z "$(candidates "$package")" ] || packages+=("$package")
+done
+wanted=$(candidates "${packages[@]}")
+if [ -f "$cache/stamp" ] && [ "$(cat "$cache/stamp")" = "$wanted" ] &&
+  [ -x "$cache/usr/sbin/proftpd" ] && [ -x "$cache/usr/sbin/pure-ftpd" ] &&
+  [ -x "$cache/usr/sbin/ftpd" ]; then
+  exit 0
 fi
 
 mkdir -p "$(dirname "$cache")"

@@ -31,10 +31,14 @@ BUILD_PACKAGES=(
   cmake ninja-build g++ pkg-config
   libcurl4-openssl-dev libboost-regex-dev libboost-program-options-dev
 )
-# What its tests need on top: GoogleTest, pytest, the FTP servers, and
-# valgrind for the memcheck runs.
+# What its tests need on top: GoogleTest, pytest, the FTP servers that do
+# not conflict with vsftpd (pyftpdlib, Twisted, aioftp, GridFTP), socat (the
+# inetd-style listener of the unpacked inetutils ftpd and ftpd-ssl), whois
+# (mkpasswd, for GridFTP's password file), and valgrind for the memcheck
+# runs.
 TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
+  python3-twisted python3-aioftp globus-gridftp-server-progs socat whois
   vsftpd curl valgrind
 )
 # What the fuzz targets need: clang with libFuzzer and the sanitizer runtimes.
@@ -51,7 +55,7 @@ PACKAGING_PACKAGES=(
 # daemons themselves conflict with vsftpd as packages and are not installed).
 COMPAT_PACKAGES=(
   libhiredis0.14 libmemcached11 libmemcachedutil2 libpcre2-posix3
-  libsodium23 libcap2 libacl1 libssl3 libpam0g libcrypt1
+  libsodium23 libcap2 libacl1 libssl3 libpam0g libcrypt1 libwrap0
 )
 # Everything the whole test suite needs.
 SUITE_PACKAGES=(

@@ -4,11 +4,10 @@
   scripted       a scriptable pyftpdlib server (servers/scripted_ftpd.py)
   scripted_factory  starts more scripted servers, e.g. with other logins
   vsftpd         a real vsftpd, logging in a throwaway local account
-  proftpd        ProFTPD 1.3.8 (unpacked by scripts/ftp-servers.sh), likewise
-  pureftpd       Pure-FTPd 1.0.50 (unpacked likewise), likewise
-  start_server   starts any of these kinds, or vsftpd and ProFTPD without
-                 chroot ("vsftpd-nochroot", "proftpd-nochroot"), for
-                 wider-scoped fixtures
+  proftpd        ProFTPD (unpacked by scripts/ftp-servers.sh), likewise
+  pureftpd       Pure-FTPd (unpacked likewise), likewise
+  start_server   starts a server of any kind of servers.REGISTRY (one
+                 module each under servers/), for wider-scoped fixtures
   local_account  that throwaway account (session-wide; needs root)
   any_server     each of scripted/vsftpd in passive and active mode
 """
@@ -23,6 +22,7 @@ import pytest
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import ftptest  # noqa: E402
+import servers  # noqa: E402
 
 # Why the vsftpd tests were skipped, told once at the end of the run.
 _skip_reasons = set()
@@ -73,7 +73,7 @@ def brindle(request):
 
 @pytest.fixture
 def scripted():
-    server = ftptest.ScriptedServer().start()
+    server = servers.create("scripted").start()
     try:
         yield server
     finally:
@@ -87,7 +87,7 @@ def scripted_factory():
     started = []
 
     def start(**kwargs):
-        server = ftptest.ScriptedServer(**kwargs).start()
+        server = servers.server_class("scripted")(**kwargs).start()
         started.append(server)
         return server
 
@@ -98,7 +98,7 @@ def scripted_factory():
             server.stop()
 
 
-# -------------------------------------------------------------- vsftpd
+# ------------------------------------------------------ the local account
 
 def _remove_leftover_accounts():
     while _live_accounts:
@@ -125,66 +125,45 @@ def local_account():
             _live_accounts.remove(account)
 
 
-@pytest.fixture
-def vsftpd(request):
-    if os.geteuid() != 0:
+# ------------------------------------------------------------ any server
+
+def require_server(kind):
+    """Skip unless a server of this kind can run here; under CI, where
+    every server must run, fail instead, unless the Debian release does
+    not have the server at all."""
+    cls = servers.server_class(kind)
+    if cls.needs_root and os.geteuid() != 0:
         _skip("vsftpd and the local test account need root")
-    if not os.path.exists(ftptest.VSFTPD):
-        _skip("%s is missing (apt-get install vsftpd)" % ftptest.VSFTPD)
-    account = request.getfixturevalue("local_account")
-    server = ftptest.VsftpdServer(account).start()
-    try:
-        yield server
-    finally:
-        server.stop()
-
-
-# ------------------------------------------- ProFTPD, Pure-FTPd, and any
-
-_DAEMONS = {
-    "vsftpd": (ftptest.VSFTPD, "apt-get install vsftpd"),
-    "vsftpd-nochroot": (ftptest.VSFTPD, "apt-get install vsftpd"),
-    "proftpd": (ftptest.PROFTPD, "run scripts/ftp-servers.sh"),
-    "proftpd-nochroot": (ftptest.PROFTPD, "run scripts/ftp-servers.sh"),
-    "pureftpd": (ftptest.PURE_FTPD, "run scripts/ftp-servers.sh"),
-}
-
-_DAEMON_CLASSES = {
-    "vsftpd": ftptest.VsftpdServer,
-    "vsftpd-nochroot": ftptest.VsftpdHomeServer,
-    "proftpd": ftptest.ProftpdServer,
-    "proftpd-nochroot": ftptest.ProftpdHomeServer,
-    "pureftpd": ftptest.PureftpdServer,
-}
-
-
-def _require_daemon(kind):
-    """Skip (fail under CI, where every server must run) unless the
-    daemon of this kind can run here."""
-    if os.geteuid() != 0:
-        _skip("vsftpd and the local test account need root")
-    binary, remedy = _DAEMONS[kind]
-    if not os.path.exists(str(binary)):
-        reason = "%s is missing (%s)" % (binary, remedy)
-        if os.environ.get("CI") == "true" and binary != ftptest.VSFTPD:
+    reason = cls.missing()
+    if reason is not None:
+        if os.environ.get("CI") == "true" and cls.required_in_ci():
             pytest.fail("CI: " + reason)
         _skip(reason)
 
 
 @pytest.fixture(scope="session")
 def start_server(request):
-    """start_server(kind, options=()) starts and returns a server of kind
-    "scripted", "vsftpd", "vsftpd-nochroot", "proftpd",
-    "proftpd-nochroot" or "pureftpd" (options: extra vsftpd settings,
-    ProFTPD configuration lines or Pure-FTPd switches); the caller stops
-    it."""
+    """start_server(kind, options=()) starts and returns a server of a
+    kind of servers.REGISTRY ("scripted", "vsftpd", "proftpd",
+    "pureftpd", "vsftpd-nochroot", "twisted", ...), with options (extra
+    vsftpd settings, ProFTPD configuration lines, Pure-FTPd switches);
+    the caller stops it."""
     def start(kind, options=()):
-        if kind == "scripted":
-            return ftptest.ScriptedServer().start()
-        _require_daemon(kind)
-        account = request.getfixturevalue("local_account")
-        return _DAEMON_CLASSES[kind](account, options).start()
+        require_server(kind)
+        account = None
+        if servers.server_class(kind).needs_account:
+            account = request.getfixturevalue("local_account")
+        return servers.create(kind, account, options).start()
     return start
+
+
+@pytest.fixture
+def vsftpd(start_server):
+    server = start_server("vsftpd")
+    try:
+        yield server
+    finally:
+        server.stop()
 
 
 @pytest.fixture
@@ -204,8 +183,6 @@ def pureftpd(start_server):
     finally:
         server.stop()
 
-
-# ----------------------------------------------------------- any server
 
 @pytest.fixture(params=[("scripted", "passive"), ("scripted", "active"),
                         ("vsftpd", "passive"), ("vsftpd", "active")],

@@ -1,16 +1,16 @@
-"""Helpers for brindle's end-to-end tests: running the brindle binary, and
-starting, driving and stopping the FTP servers it is tested against.
+"""The shared core of brindle's end-to-end tests: running the brindle
+binary, temporary folders and snapshots of them, finding and stopping
+processes, free ports, and the throwaway local account.  The FTP servers
+themselves live in servers/, one module each; the assertions that many
+test files share in checks.py.
 
 Everything listens on 127.0.0.1 only, lives in temporary directories that
 are removed afterwards, and every process is stopped by its own pid.
 """
 
 import base64
-import json
 import os
-import re
 import secrets
-import select
 import shutil
 import signal
 import socket
@@ -18,17 +18,15 @@ import string
 import stat
 import subprocess
 import tempfile
-import threading
 import time
 from pathlib import Path
 
 HOST = "127.0.0.1"
 E2E_DIR = Path(__file__).resolve().parent
 REPO_DIR = E2E_DIR.parent.parent
-SCRIPTED_FTPD = E2E_DIR / "servers" / "scripted_ftpd.py"
-# pyftpdlib is a Debian package, importable only from Debian's interpreter.
+# The Python servers (pyftpdlib, Twisted, aioftp) are Debian packages,
+# importable only from Debian's interpreter.
 SYSTEM_PYTHON = "/usr/bin/python3"
-VSFTPD = "/usr/sbin/vsftpd"
 TEMP_PREFIX = "brindle-e2e-"
 
 
@@ -89,7 +87,7 @@ def raw_body(data):
 
 # --------------------------------------------------------------- processes
 
-def _children(pid):
+def children(pid):
     """Pids whose parent is pid, read from /proc."""
     found = []
     for entry in os.listdir("/proc"):
@@ -116,7 +114,7 @@ def descendant_levels(pid):
     """The processes below pid, one list per generation."""
     levels, current = [], [pid]
     while True:
-        current = [kid for parent in current for kid in _children(parent)]
+        current = [kid for parent in current for kid in children(parent)]
         if not current:
             return levels
         levels.append(current)
@@ -149,7 +147,7 @@ def _alive(pid):
     return stat[stat.rfind(b")") + 2:stat.rfind(b")") + 3] != b"Z"
 
 
-def _signal_pids(pids, sig):
+def signal_pids(pids, sig):
     for pid in pids:
         try:
             os.kill(pid, sig)
@@ -193,7 +191,7 @@ def reap_adopted(comm):
     """Reap this process's zombie children named comm: helpers of a server
     that were orphaned while this process was their subreaper."""
     me = os.getpid()
-    for pid in _children(me):
+    for pid in children(me):
         try:
             with open("/proc/%d/stat" % pid, "rb") as f:
                 stat = f.read()
@@ -208,7 +206,7 @@ def reap_adopted(comm):
                 pass
 
 
-class _Adoption(object):
+class Adoption(object):
     """Keeps this process a child subreaper while servers run that leave
     orphans behind (vsftpd's session processes), so that they end up
     here, to be reaped, instead of lingering as init's zombies."""
@@ -241,13 +239,13 @@ def stop_process(proc, extra_pids=(), timeout=5.0):
         helpers = descendants(proc.pid) if proc.poll() is None else []
         helpers = list(dict.fromkeys(
             helpers + [p for p in extra_pids if p != proc.pid]))
-        _signal_pids(helpers, signal.SIGTERM)
+        signal_pids(helpers, signal.SIGTERM)
         if proc.poll() is None:
-            _signal_pids([proc.pid], signal.SIGTERM)
+            signal_pids([proc.pid], signal.SIGTERM)
         try:
             proc.wait(timeout=timeout)
         except subprocess.TimeoutExpired:
-            _signal_pids([proc.pid], signal.SIGKILL)
+            signal_pids([proc.pid], signal.SIGKILL)
             proc.wait(timeout=timeout)
         killed = False
         deadline = time.monotonic() + timeout
@@ -259,7 +257,7 @@ def stop_process(proc, extra_pids=(), timeout=5.0):
             if time.monotonic() > deadline:
                 if killed:
                     break
-                _signal_pids(alive, signal.SIGKILL)
+                signal_pids(alive, signal.SIGKILL)
                 killed = True
                 deadline = time.monotonic() + timeout
             time.sleep(0.01)
@@ -395,15 +393,19 @@ def _run_retrying(argv, input=None, retry_codes=(1, 10), attempts=50):
 class LocalAccount(object):
     """A throwaway system account: name, uid, gid, password, home."""
 
-    def __init__(self):
+    def __init__(self, home=None):
+        """home: an existing folder to be the account's home (it stays
+        when the account is removed); by default a new temporary one."""
         self.name = None
         self.uid = None
         self.gid = None
         self.password = "pw-" + secrets.token_hex(8)
-        self.home = None
+        self.home = home
+        self._own_home = home is None
 
     def create(self):
-        self.home = make_temp_dir("home")
+        if self._own_home:
+            self.home = make_temp_dir("home")
         for _ in range(20):
             suffix = "".join(secrets.choice(string.ascii_lowercase)
                              for _ in range(3))
@@ -440,8 +442,9 @@ class LocalAccount(object):
                     self.name, done.returncode,
                     done.stderr.decode(errors="replace")))
             self.name = None
-        remove_tree(self.home)
-        self.home = None
+        if self._own_home:
+            remove_tree(self.home)
+            self.home = None
 
     def chown(self, path):
         os.lchown(str(path), self.uid, self.gid)
@@ -451,424 +454,12 @@ class LocalAccount(object):
             self.name, self.uid, self.gid)
 
 
-# ------------------------------------------------------------------ servers
-
-class FtpServer(object):
-    """What every test server offers; subclasses start and stop one."""
-
-    kind = None
-    # Whether the server chroots the account to its root.  One that does
-    # not starts the session in the root's own absolute path, and resolves
-    # absolute paths in commands (DELE /x) against the machine's "/".
-    chroot = True
-
-    def __init__(self, user, password):
-        self.host = HOST
-        self.port = None
-        self.user = user
-        self.password = password
-        self.passive = True
-        self.tmp = None
-        self.root = None
-
-    @property
-    def mode(self):
-        return "passive" if self.passive else "active"
-
-    def url(self, path="/"):
-        if not path.startswith("/"):
-            path = "/" + path
-        return "ftp://%s:%d%s" % (self.host, self.port, path)
-
-    def args(self):
-        """brindle's options to reach and log in to this server."""
-        result = ["--host", self.host, "--port", str(self.port),
-                  "--login", self.user, "--password", self.password]
-        if not self.passive:
-            result += ["--passive-mode", "0"]
-        return result
-
-    def curl(self, path="/", *extra, timeout=20):
-        """Run the curl CLI against this server in the current mode."""
-        argv = ["curl", "-sS", "--user", "%s:%s" % (self.user, self.password)]
-        if not self.passive:
-            argv += ["-P", "-"]
-        argv += list(extra) + [self.url(path)]
-        done = subprocess.run(argv, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                              timeout=timeout)
-        return RunResult(argv, done.returncode, done.stdout, done.stderr)
-
-    @property
-    def login_dir(self):
-        """The directory PWD names after login."""
-        return "/" if self.chroot else str(self.root)
-
-    def server_path(self, path):
-        """The server's own name for a path relative to the login
-        directory, as a command that takes a path (DELE, RMD) must say."""
-        if self.chroot or not path.startswith("/"):
-            return path
-        return self.login_dir.rstrip("/") + path
-
-    # -- files below the served root
-
-    def path(self, rel=""):
-        return self.root / rel
-
-    def _own(self, path):
-        """Give a new file to the account the server works as."""
-
-    def _parents(self, path):
-        missing = []
-        parent = path.parent
-        while not parent.exists():
-            missing.append(parent)
-            parent = parent.parent
-        for p in reversed(missing):
-            p.mkdir()
-            self._own(p)
-
-    def make_file(self, rel, data=b"", mode=0o644, mtime=None):
-        """Create root/rel (and its parents) holding data (bytes or str)."""
-        path = self.path(rel)
-        self._parents(path)
-        if isinstance(data, str):
-            data = data.encode("utf-8")
-        path.write_bytes(data)
-        path.chmod(mode)
-        self._own(path)
-        if mtime is not None:
-            os.utime(str(path), (mtime, mtime))
-        return path
-
-    def make_dir(self, rel, mode=0o755, mtime=None):
-        path = self.path(rel)
-        self._parents(path)
-        path.mkdir(exist_ok=True)
-        path.chmod(mode)
-        self._own(path)
-        if mtime is not None:
-            os.utime(str(path), (mtime, mtime))
-        return path
-
-    def make_symlink(self, rel, target, mtime=None):
-        path = self.path(rel)
-        self._parents(path)
-        os.symlink(target, str(path))
-        self._own(path)
-        if mtime is not None:
-            os.utime(str(path), (mtime, mtime), follow_symlinks=False)
-        return path
-
-    # -- logs
-
-    def log_text(self):
-        try:
-            return self.log_path.read_text(encoding="utf-8", errors="replace")
-        except FileNotFoundError:
-            return ""
-
-    def commands(self):
-        raise NotImplementedError
-
-    def __repr__(self):
-        return "<%s %s:%s %s root=%s>" % (self.kind, self.host, self.port,
-                                          self.mode, self.root)
-
-    def __enter__(self):
-        return self.start()
-
-    def __exit__(self, *exc):
-        self.stop()
-
-
-class ScriptedServer(FtpServer):
-    """scripted_ftpd.py (pyftpdlib) serving a temporary root."""
-
-    kind = "scripted"
-
-    def __init__(self, user="tester", password="secret"):
-        FtpServer.__init__(self, user, password)
-        self.proc = None
-        self._last_mtime_ns = 0
-        self._generation = 0
-
-    def start(self, timeout=10.0):
-        self.tmp = make_temp_dir("scripted")
-        self.root = self.tmp / "root"
-        self.root.mkdir()
-        self.port_file = self.tmp / "port"
-        self.log_path = self.tmp / "events.jsonl"
-        self.script_path = self.tmp / "script.json"
-        self.stderr_path = self.tmp / "server.stderr"
-        argv = [SYSTEM_PYTHON, str(SCRIPTED_FTPD),
-                "--root", str(self.root), "--port-file", str(self.port_file),
-                "--log", str(self.log_path), "--script", str(self.script_path),
-                "--user", self.user, "--password", self.password]
-        with open(str(self.stderr_path), "wb") as err:
-            self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL,
-                                         stdout=err, stderr=err)
-        deadline = time.monotonic() + timeout
-        while not self.port_file.exists():
-            if self.proc.poll() is not None or time.monotonic() > deadline:
-                output = self.stderr_text()
-                self.stop()
-                raise RuntimeError("scripted_ftpd did not start:\n" + output)
-            time.sleep(0.02)
-        self.port = int(self.port_file.read_text())
-        return self
-
-    def stop(self):
-        if self.proc is not None:
-            stop_process(self.proc)
-            self.proc = None
-        remove_tree(self.tmp)
-        self.tmp = None
-
-    def stderr_text(self):
-        try:
-            return self.stderr_path.read_text(errors="replace")
-        except (OSError, AttributeError):
-            return ""
-
-    def script(self, data):
-        """Replace the server's script (a dict, or None for none).  The
-        server picks it up at the next connection or command."""
-        tmp = self.tmp / "script.json.tmp"
-        if data is None:
-            try:
-                self.script_path.unlink()
-            except FileNotFoundError:
-                pass
-            return
-        self._generation += 1
-        data = dict(data)
-        data["generation"] = self._generation
-        tmp.write_text(json.dumps(data), encoding="utf-8")
-        # A new inode and a strictly later mtime, so the change is seen
-        # even within one tick of the file system clock.
-        mtime_ns = max(time.time_ns(), self._last_mtime_ns + 1000)
-        self._last_mtime_ns = mtime_ns
-        os.utime(str(tmp), ns=(mtime_ns, mtime_ns))
-        os.replace(str(tmp), str(self.script_path))
-
-    def log(self):
-        """The server's event log as a list of dicts (complete lines)."""
-        text = self.log_text()
-        return [json.loads(line) for line in text.split("\n")[:-1] if line]
-
-    def commands(self):
-        return [(e["command"], e["arg"]) for e in self.log()
-                if e["event"] == "command"]
-
-    def wait_idle(self, timeout=5.0):
-        """Wait until every connection the server saw has ended."""
-        deadline = time.monotonic() + timeout
-        while True:
-            events = [e["event"] for e in self.log()]
-            if events.count("connect") == events.count("disconnect"):
-                return True
-            if time.monotonic() > deadline:
-                return False
-            time.sleep(0.02)
-
-
-_VSFTPD_COMMAND = re.compile(r'FTP command: Client "[^"]*", "(.*)"$')
-
-
-def parse_vsftpd_commands(text):
-    """(command, arg) pairs from a vsftpd log written with
-    log_ftp_protocol=YES.  vsftpd writes PASS as "PASS <password>" and
-    replaces unprintable bytes with "?"."""
-    result = []
-    for line in text.splitlines():
-        m = _VSFTPD_COMMAND.search(line)
-        if not m:
-            continue
-        cmd, _, arg = m.group(1).partition(" ")
-        result.append((cmd.upper(), arg))
-    return result
-
-
-class _DaemonServer(FtpServer):
-    """A real FTP daemon serving a temporary root as the throwaway local
-    account, in the foreground, stopped by pid.  Subclasses write their
-    configuration and give the command line."""
-
-    daemon = None           # path of the binary
-    port_taken = "in use"   # what its output says when the port is taken
-
-    def __init__(self, account, options=()):
-        FtpServer.__init__(self, account.name, account.password)
-        self.account = account
-        # Extra configuration: lines for ProFTPD, switches for Pure-FTPd.
-        self.options = list(options)
-        self.proc = None
-
-    def _own(self, path):
-        self.account.chown(path)
-
-    def prepare(self):
-        """Write the configuration files for self.port."""
-        raise NotImplementedError
-
-    def argv(self):
-        raise NotImplementedError
-
-    def start(self, timeout=10.0, attempts=3):
-        # Session helpers (Pure-FTPd's privilege separation process) can
-        # outlive their parent: adopt and reap them here.
-        _Adoption.acquire()
-        self._adopting = True
-        self.tmp = make_temp_dir(self.kind)
-        self.root = self.tmp / "root"
-        self.root.mkdir()
-        self._own(self.root)
-        self.log_path = self.tmp / "commands.log"
-        self.output_path = self.tmp / "daemon.out"
-        for attempt in range(attempts):
-            self.port = free_port()
-            self.prepare()
-            with open(str(self.output_path), "wb") as out:
-                self.proc = subprocess.Popen(
-                    self.argv(), stdin=subprocess.DEVNULL, stdout=out,
-                    stderr=out, start_new_session=True)
-            deadline = time.monotonic() + timeout
-            while not is_listening(self.port):
-                if self.proc.poll() is not None or time.monotonic() > deadline:
-                    break
-                time.sleep(0.02)
-            if is_listening(self.port) and self.proc.poll() is None:
-                return self
-            output = self.output_text()
-            self._stop_processes()
-            # Someone else may have taken the port in between: try another.
-            if self.port_taken not in output or attempt == attempts - 1:
-                self.stop()
-                raise RuntimeError("%s did not start:\n%s" % (self.kind,
-                                                             output))
-        return self
-
-    def output_text(self):
-        try:
-            return self.output_path.read_text(errors="replace")
-        except (OSError, AttributeError):
-            return ""
-
-    def _stop_processes(self):
-        if self.proc is not None:
-            stop_process(self.proc)
-            self.proc = None
-
-    def stop(self):
-        self._stop_processes()
-        if getattr(self, "_adopting", False):
-            reap_adopted(os.path.basename(str(self.daemon)))
-            _Adoption.release()
-            self._adopting = False
-        remove_tree(self.tmp)
-        self.tmp = None
-
-    def wait_idle(self, timeout=5.0):
-        """Wait until every session process has ended, so that the last
-        session's commands are in the log."""
-        deadline = time.monotonic() + timeout
-        while self.proc is not None and _children(self.proc.pid):
-            if time.monotonic() > deadline:
-                return False
-            time.sleep(0.01)
-        return True
-
-    def version(self):
-        raise NotImplementedError
-
-
-class VsftpdServer(_DaemonServer):
-    """vsftpd serving a temporary root as a local account, chrooted (or,
-    with chroot False, starting there as Debian's default does)."""
-
-    kind = "vsftpd"
-    daemon = VSFTPD
-    port_taken = "could not bind"
-
-    def config_text(self):
-        settings = [
-            ("listen", "YES"),
-            ("listen_ipv6", "NO"),
-            ("listen_address", HOST),
-            ("listen_port", str(self.port)),
-            ("background", "NO"),
-            ("anonymous_enable", "NO"),
-            ("local_enable", "YES"),
-            ("write_enable", "YES"),
-            ("local_umask", "022"),
-            ("local_root", str(self.root)),
-            ("chroot_local_user", "YES" if self.chroot else "NO"),
-            ("allow_writeable_chroot", "YES"),
-            ("secure_chroot_dir", str(self.empty_dir)),
-            ("seccomp_sandbox", "NO"),
-            ("isolate", "NO"),
-            ("isolate_network", "NO"),
-            ("pasv_enable", "YES"),
-            ("port_enable", "YES"),
-            ("connect_from_port_20", "NO"),
-            ("log_ftp_protocol", "YES"),
-            ("xferlog_enable", "YES"),
-            ("vsftpd_log_file", str(self.log_path)),
-            ("dual_log_enable", "NO"),
-            ("syslog_enable", "NO"),
-            ("delay_failed_login", "0"),
-            # No such file in /etc/pam.d: PAM falls back to "other",
-            # which is plain pam_unix.
-            ("pam_service_name", "brindle-e2e-none"),
-        ]
-        return "".join(["%s=%s\n" % kv for kv in settings] +
-                       [option + "\n" for option in self.options])
-
-    def prepare(self):
-        self.empty_dir = self.tmp / "empty"
-        self.empty_dir.mkdir(mode=0o755, exist_ok=True)
-        self.conf_path = self.tmp / "vsftpd.conf"
-        fd = os.open(str(self.conf_path),
-                     os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600)
-        with os.fdopen(fd, "w") as f:
-            f.write(self.config_text())
-        os.chmod(str(self.conf_path), 0o600)
-
-    def argv(self):
-        return [str(VSFTPD), str(self.conf_path)]
-
-    def _stop_processes(self):
-        if self.proc is None:
-            return
-        # Session processes call setsid() and may outlive the listener, so
-        # they are found by their parent and by their unique command line.
-        stop_process(self.proc, extra_pids=pids_with_cmdline(self.argv()))
-        _signal_pids(pids_with_cmdline(self.argv()), signal.SIGKILL)
-        self.proc = None
-
-    def commands(self):
-        return parse_vsftpd_commands(self.log_text())
-
-
-class VsftpdHomeServer(VsftpdServer):
-    """vsftpd without chroot: the session starts in the temporary root and
-    absolute paths are the machine's own."""
-
-    kind = "vsftpd-nochroot"
-    chroot = False
-
-
 # ------------------------------------------- servers unpacked, not installed
 
-# ProFTPD and Pure-FTPd conflict with vsftpd as Debian packages, so
+# Debian's FTP daemons conflict with vsftpd as packages, so
 # scripts/ftp-servers.sh unpacks them into this folder instead.
 SERVER_CACHE = Path(os.environ.get("BRINDLE_FTP_SERVERS",
                                    "/var/cache/brindle-tests/servers"))
-PROFTPD = SERVER_CACHE / "usr" / "sbin" / "proftpd"
-PURE_FTPD = SERVER_CACHE / "usr" / "sbin" / "pure-ftpd"
-PURE_PW = SERVER_CACHE / "usr" / "bin" / "pure-pw"
 
 
 def sha512_crypt(password):
@@ -881,185 +472,15 @@ def sha512_crypt(password):
     return crypt.crypt(password, crypt.mksalt(crypt.METHOD_SHA512))
 
 
-class ProftpdServer(_DaemonServer):
-    """ProFTPD, authenticating the local account from its own user file
-    and logging every command with ExtendedLog."""
-
-    kind = "proftpd"
-    daemon = PROFTPD
-
-    def prepare(self):
-        import grp
-        group = grp.getgrgid(self.account.gid).gr_name
-        users = self.tmp / "passwd"
-        groups = self.tmp / "group"
-        users.write_text("%s:%s:%d:%d::%s:/bin/sh\n" % (
-            self.account.name, sha512_crypt(self.password), self.account.uid,
-            self.account.gid, self.root))
-        users.chmod(0o600)
-        groups.write_text("%s:x:%d:%s\n" % (group, self.account.gid,
-                                             self.account.name))
-        lines = [
-            'ServerType standalone',
-            'ServerName "brindle e2e"',
-            'Port %d' % self.port,
-            'DefaultAddress %s' % HOST,
-            'SocketBindTight on',
-            'UseIPv6 off',
-            'User nobody',
-            'Group nogroup',
-            'PidFile %s' % (self.tmp / "proftpd.pid"),
-            'ScoreboardFile %s' % (self.tmp / "proftpd.scoreboard"),
-            'DelayEngine off',
-            'WtmpLog off',
-            'UseReverseDNS off',
-            'TransferLog NONE',
-            'AuthOrder mod_auth_file.c',
-            'AuthUserFile %s' % users,
-            'AuthGroupFile %s' % groups,
-            'RequireValidShell off',
-        ] + (['DefaultRoot ~'] if self.chroot else []) + [
-            'AllowOverwrite on',
-            'Umask 022',
-            'LogFormat commands "%r"',
-            'ExtendedLog %s ALL commands' % self.log_path,
-        ] + self.options
-        self.conf_path = self.tmp / "proftpd.conf"
-        self.conf_path.write_text("".join(line + "\n" for line in lines))
-
-    def argv(self):
-        return [str(PROFTPD), "-n", "-c", str(self.conf_path)]
-
-    def commands(self):
-        # One "%r" a line: the request exactly as received, except that
-        # PASS reads "PASS (hidden)".
-        result = []
-        for line in self.log_text().splitlines():
-            cmd, _, arg = line.partition(" ")
-            result.append((cmd.upper(), arg))
-        return result
-
-    def version(self):
-        done = subprocess.run([str(PROFTPD), "-v"], stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT)
-        return done.stdout.decode(errors="replace").strip()
-
-
-class ProftpdHomeServer(ProftpdServer):
-    """ProFTPD without DefaultRoot: the session starts in the account's
-    home, the temporary root, and absolute paths are the machine's own."""
-
-    kind = "proftpd-nochroot"
-    chroot = False
-
-
-# Runs a program with its own /dev holding a "log" socket of ours, so that
-# a daemon that can only log to syslog logs to the test instead (the
-# machine may have no syslog daemon, and /dev/log is not ours to make).
-_PRIVATE_DEVLOG = r'''
-set -eu
-tmp=$1; sock=$2; shift 2
-mkdir -p "$tmp/realdev"
-mount --bind /dev "$tmp/realdev"
-mount -t tmpfs -o mode=755 devlog "/dev"
-for node in null zero full random urandom tty; do
-  : >"/dev/$node"
-  mount --bind "$tmp/realdev/$node" "/dev/$node"
-done
-ln -s "$sock" /dev/log
-exec "$@"
-'''
-
-_PURE_COMMAND = re.compile(r"\[DEBUG\] Command \[([^\]]*)\] \[(.*)\]$")
-
-
-class PureftpdServer(_DaemonServer):
-    """Pure-FTPd, authenticating the local account from its own PureDB
-    file and logging every command (-d) to a syslog socket of the test's."""
-
-    kind = "pureftpd"
-    daemon = PURE_FTPD
-
-    def start(self, timeout=10.0, attempts=3):
-        self._messages = []
-        self._syslog = None
-        self._lock = threading.Lock()
-        self._reader = None
-        return _DaemonServer.start(self, timeout, attempts)
-
-    def prepare(self):
-        users = self.tmp / "pureftpd.passwd"
-        users.write_text("%s:%s:%d:%d::%s/./::::::::::::\n" % (
-            self.account.name, sha512_crypt(self.password), self.account.uid,
-            self.account.gid, self.root))
-        self.db_path = self.tmp / "pureftpd.pdb"
-        done = subprocess.run([str(PURE_PW), "mkdb", str(self.db_path), "-f",
-                               str(users)], stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT)
-        if done.returncode != 0:
-            raise RuntimeError("pure-pw mkdb failed: " + done.stdout.decode(
-                errors="replace"))
-        if self._syslog is None:
-            self.socket_path = self.tmp / "syslog.sock"
-            self._syslog = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-            self._syslog.bind(str(self.socket_path))
-            self._syslog.setblocking(False)
-            os.chmod(str(self.socket_path), 0o666)
-            # A datagram socket queues only a few messages (10 by default)
-            # before the daemon's syslog() blocks: keep reading.
-            self._reader = threading.Thread(target=self._read_forever,
-                                            daemon=True)
-            self._reader.start()
-
-    def argv(self):
-        return (["unshare", "--mount", "sh", "-c", _PRIVATE_DEVLOG, "sh",
-                 str(self.tmp), str(self.socket_path), str(PURE_FTPD),
-                 "-S", "%s,%d" % (HOST, self.port), "-l",
-                 "puredb:%s" % self.db_path, "-E", "-H", "-A", "-u", "1",
-                 "-d"] + self.options)
-
-    def stop(self):
-        _DaemonServer.stop(self)
-        sock, self._syslog = getattr(self, "_syslog", None), None
-        if self._reader is not None:
-            self._reader.join()
-            self._reader = None
-        if sock is not None:
-            sock.close()
-
-    def _read_forever(self):
-        while self._syslog is not None:
-            select.select([self._syslog], [], [], 0.05)
-            self._drain()
-
-    def _drain(self):
-        with self._lock:
-            sock = self._syslog
-            while sock is not None:
-                try:
-                    data = sock.recv(65536)
-                except (BlockingIOError, OSError):
-                    return
-                self._messages.append(
-                    data.decode("utf-8", "surrogateescape"))
-
-    def log_text(self):
-        """The syslog messages so far, one a line.  Every command is sent
-        before its reply, so a finished client's commands are all here."""
-        self._drain()
-        return "".join(m.rstrip("\n") + "\n" for m in self._messages)
-
-    def commands(self):
-        # Pure-FTPd logs the command word in lower case and PASS as
-        # "<*>".
-        result = []
-        for line in self.log_text().splitlines():
-            m = _PURE_COMMAND.search(line)
-            if m:
-                result.append((m.group(1).upper(), m.group(2)))
-        return result
-
-    def version(self):
-        done = subprocess.run([str(PURE_FTPD), "--help"],
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        return done.stdout.decode(errors="replace").splitlines()[0].strip()
+def des_crypt(password):
+    """An old DES crypt(3) hash (GridFTP's password file knows no other),
+    made by mkpasswd (Debian's whois package): Python 3.13 has no crypt
+    module."""
+    done = subprocess.run(["mkpasswd", "--method=des", "--stdin"],
+                          input=password.encode(), stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE)
+    hashed = done.stdout.decode().strip()
+    if done.returncode != 0 or len(hashed) != 13:
+        raise RuntimeError("mkpasswd failed (%d): %s" % (
+            done.returncode, done.stderr.decode(errors="replace")))
+    return hashed

@@ -1,6 +1,7 @@
-"""The compatibility matrix: the same scenarios against every server that
-brindle is tested with (the scripted pyftpdlib server, vsftpd, ProFTPD and
-Pure-FTPd, and vsftpd and ProFTPD without chroot), each in passive and in
+"""The compatibility matrix: the same scenarios against every server of
+servers.REGISTRY (pyftpdlib, vsftpd, ProFTPD, Pure-FTPd, vsftpd and
+ProFTPD without chroot, Twisted, aioftp, GNU inetutils ftpd, ftpd-ssl,
+GridFTP and the scripted server in its IIS mode), each in passive and in
 active mode.
 
 The servers without chroot log the account in to the temporary root by its
@@ -10,39 +11,44 @@ with an absolute CWD, are the machine's own.
 
 Every server formats its listings its own way: owners as names or numbers,
 days padded with a zero or a blank, sorted or in directory order, with or
-without fifos, "." and "..".  The expectations are built from the files
-the server really has (os.lstat, the directory's own order) through a
-small model of each server's format (Dialect), so the tests say exactly
-what each server sends and what brindle makes of it.
+without fifos, "." and "..", a "total N" line, links shown as links or as
+what they point to.  The expectations are built from the files the server
+really has (os.lstat, the directory's own order) through the model of each
+server's format (its module's Dialect), so the tests say exactly what each
+server sends and what brindle makes of it.
 
-Some server settings make LIST lines that brindle's LIST pattern rejects;
-for those configurations the expected outcome is the exact "Unable to
-parse FTP LIST output '<line>'" failure (see the test_variant_* tests at
-the end).
+Where brindle fails on a server, the expected outcome is that exact
+failure: a LIST line that the LIST pattern rejects ("total N", the empty
+lines of GridFTP's CR CR LF), a command the server does not implement
+(NLST without an argument, NOOP, PORT and EPRT), a file the server lists
+but will not send.  What a server implements is asked of the server itself
+when it starts (ftplib, not brindle), so that another release of it is
+judged by what it does; the parts of brindle's messages that are
+libcurl's own text are taken from the running libcurl, through the curl
+program making the same request.  Server settings that make LIST lines
+brindle rejects are the test_variant_* tests at the end.
 
 Each test records what scripts/compatibility.py needs for
 docs/compatibility.md as junit properties: the server and mode, the
-server's version, brindle's failure message where one is expected, and
-sample LIST lines.
+server's name, version and format note, brindle's failure message and the
+reason where one is expected, and sample LIST lines.
 """
 
 import ftplib
-import grp
 import os
 import posixpath
-import pwd
 import re
-import stat
 import subprocess
 import time
 
 import pytest
 
-import ftptest
+import servers
+from checks import (Commands, assert_failed, assert_ok, curl_says,
+                    raw_answer, raw_list_lines, resolved, skip_line)
 from ftptest import DIR, named, snapshot
 
-SERVERS = ["scripted", "vsftpd", "proftpd", "pureftpd", "vsftpd-nochroot",
-           "proftpd-nochroot"]
+SERVERS = servers.KINDS
 MODES = ["passive", "active"]
 TIMEOUT = 30
 
@@ -56,6 +62,16 @@ BINARY = bytes(range(256))
 BIG = b"".join(i.to_bytes(4, "big") + bytes([i % 251]) * 60
                for i in range(3 * 1024 * 1024 // 64))
 ODD_NAME = "my file#1"
+
+# The LIST pattern brindle parses lines with, for the test's own check of
+# which line a server sends that it rejects (Python has no repeated group
+# names, so the groups are plain here).
+LIST_PATTERN = re.compile(
+    r"([-bcCdDlMnpPs?])([-r][-w][-xsS][-r][-w][-xsS][-r][-w][-xsStT])\s+"
+    r"(\d+)\s+(\S+)\s+(\S+)\s+(\d+)\s+((\w{3}\s+\d{1,2}\s+\d{1,2}:\d{2})|"
+    r"(\w{3}\s+\d{1,2}\s+\d{4}))\s+(.+)"
+    r"|(\d{1,4}[\.-]\d{2}[\.-]\d{1,4}\s+\d{1,2}:\d{2}([AP]M)?)\s+"
+    r"(([^0-9\s]+)|(\d+))\s+(.+)", re.ASCII | re.DOTALL)
 
 
 # ------------------------------------------------------ servers and modes
@@ -71,9 +87,37 @@ def server(request, start_server):
     started.passive = (mode == "passive")
     started.variant = kind
     try:
+        started.traits = Traits(started)
         yield started
     finally:
         started.stop()
+
+
+class Traits(object):
+    """What the server does with the commands of brindle's that some
+    servers do not implement, asked with ftplib when it starts: the reply
+    to NOOP, to NLST without an argument, and to PORT (active mode); None
+    where the server accepts the command."""
+
+    def __init__(self, server):
+        server.make_dir("traits")
+        with ftplib.FTP() as ftp:
+            ftp.connect(server.host, server.port, timeout=10)
+            ftp.login(server.user, server.password)
+            ftp.cwd("traits")
+            self.noop = _refusal(lambda: ftp.voidcmd("NOOP"))
+            self.nlst = _refusal(lambda: ftp.nlst())
+            ftp.set_pasv(False)
+            self.port = _refusal(lambda: ftp.retrlines("LIST", lambda _: 0))
+        server.wait_idle()
+
+
+def _refusal(call):
+    try:
+        call()
+    except ftplib.error_perm as e:
+        return str(e)
+    return None
 
 
 @pytest.fixture
@@ -87,6 +131,9 @@ def report(server, record_property):
 def record_server(server, record_property):
     record_property("server", server.variant)
     record_property("mode", server.mode)
+    record_property("title", server.title)
+    record_property("column", server.column)
+    record_property("format_note", server.format_note)
     record_property("version", server_version(server))
     record_property("machine", machine())
 
@@ -120,237 +167,14 @@ _versions = {}
 
 def server_version(server):
     if server.kind not in _versions:
-        if server.kind == "scripted":
-            out = subprocess.run(
-                [ftptest.SYSTEM_PYTHON, "-c",
-                 "import pyftpdlib; print(pyftpdlib.__ver__)"],
-                stdout=subprocess.PIPE).stdout.decode().strip()
-            _versions[server.kind] = "pyftpdlib " + out
-        elif isinstance(server, ftptest.VsftpdServer):
-            out = subprocess.run(
-                ["dpkg-query", "-W", "-f", "${Version}", "vsftpd"],
-                stdout=subprocess.PIPE).stdout.decode().strip()
-            _versions[server.kind] = "vsftpd " + out
-        else:
-            _versions[server.kind] = server.version()
+        _versions[server.kind] = server.version()
     return _versions[server.kind]
-
-
-# ------------------------------------------------------ each server's LIST
-
-MONTHS = "Jan Feb Mar Apr May Jun Jul Aug Sep Oct Nov Dec".split()
-HALF_YEAR = 180 * 86400
-
-
-def mode_string(st):
-    kinds = {stat.S_IFDIR: "d", stat.S_IFLNK: "l", stat.S_IFIFO: "p",
-             stat.S_IFREG: "-", stat.S_IFSOCK: "s", stat.S_IFCHR: "c",
-             stat.S_IFBLK: "b"}
-    perms = ""
-    for who in range(3):
-        bits = (st.st_mode >> (6 - 3 * who)) & 7
-        perms += ("r" if bits & 4 else "-") + ("w" if bits & 2 else "-") + \
-            ("x" if bits & 1 else "-")
-    return kinds[stat.S_IFMT(st.st_mode)] + perms
-
-
-class Dialect(object):
-    """How one server writes LIST and NLST answers, as a function of the
-    served files."""
-
-    # LIST line: link count, owner, group and size widths.
-    widths = None
-    zero_padded_day = False
-    gmt = True
-    sorted_list = True
-    sorted_nlst = True
-    lists_fifos = True
-    nlst_dots = False
-
-    def __init__(self, server):
-        self.server = server
-
-    def owner(self, st):
-        return str(st.st_uid)
-
-    def group(self, st):
-        return str(st.st_gid)
-
-    def date(self, mtime):
-        t = time.gmtime(mtime) if self.gmt else time.localtime(mtime)
-        day = ("%02d" if self.zero_padded_day else "%2d") % t.tm_mday
-        if 0 <= time.time() - mtime < HALF_YEAR:
-            return "%s %s %02d:%02d" % (MONTHS[t.tm_mon - 1], day, t.tm_hour,
-                                        t.tm_min)
-        return "%s %s  %d" % (MONTHS[t.tm_mon - 1], day, t.tm_year)
-
-    def line(self, path):
-        """The LIST line of one served path."""
-        st = os.lstat(str(path))
-        links, owner, group, size = self.widths
-        name = path.name
-        if stat.S_ISLNK(st.st_mode):
-            name += " -> " + os.readlink(str(path))
-        return "%s %*d %-*s %-*s %*d %s %s" % (
-            mode_string(st), links, st.st_nlink, owner, self.owner(st),
-            group, self.group(st), size, st.st_size, self.date(st.st_mtime),
-            name)
-
-    def visible(self, path):
-        mode = os.lstat(str(path)).st_mode
-        return self.lists_fifos or not stat.S_ISFIFO(mode)
-
-    def list_entries(self, directory):
-        """The paths that LIST shows for a served directory, in its order."""
-        names = directory_order(directory)
-        if self.sorted_list:
-            names = sorted(names)
-        return [directory / n for n in names if self.visible(directory / n)]
-
-    def list_text(self, directory):
-        return "".join(self.line(p) + "\n" for p in
-                       self.list_entries(directory))
-
-    def nlst_names(self, directory):
-        if self.nlst_dots:
-            return directory_order(directory, dots=True)
-        names = directory_order(directory)
-        return sorted(names) if self.sorted_nlst else names
-
-
-def directory_order(directory, dots=False):
-    """Names in the order the file system hands them out (what a server
-    that does not sort shows), optionally with "." and ".." where they
-    come."""
-    done = subprocess.run(["ls", "-f", str(directory)],
-                          stdout=subprocess.PIPE, check=True,
-                          env={"LC_ALL": "C", "PATH": os.defpath})
-    names = done.stdout.decode("utf-8", "surrogateescape").splitlines()
-    return names if dots else [n for n in names if n not in (".", "..")]
-
-
-class ScriptedDialect(Dialect):
-    # pyftpdlib: names from the password and group files, "Jan 01".
-    widths = (3, 8, 8, 8)
-    zero_padded_day = True
-
-    def owner(self, st):
-        try:
-            return pwd.getpwuid(st.st_uid).pw_name
-        except KeyError:
-            return str(st.st_uid)
-
-    def group(self, st):
-        try:
-            return grp.getgrgid(st.st_gid).gr_name
-        except KeyError:
-            return str(st.st_gid)
-
-
-class VsftpdDialect(Dialect):
-    # vsftpd: numeric owner and group, "Jan 01".
-    widths = (4, 8, 8, 8)
-    zero_padded_day = True
-
-
-class ProftpdDialect(Dialect):
-    # ProFTPD: names from its own user and group files (numbers for
-    # others), "Jan  1", NLST in directory order.
-    widths = (3, 8, 8, 8)
-    sorted_nlst = False
-
-    def owner(self, st):
-        account = self.server.account
-        return account.name if st.st_uid == account.uid else str(st.st_uid)
-
-    def group(self, st):
-        account = self.server.account
-        if st.st_gid == account.gid:
-            return grp.getgrgid(account.gid).gr_name
-        return str(st.st_gid)
-
-
-class PureftpdDialect(Dialect):
-    # Pure-FTPd: numeric owner but the login group's name (cut to 10
-    # characters), local time, no fifos in LIST, and an NLST in directory
-    # order that includes "." and "..".
-    widths = (4, 10, 10, 10)
-    gmt = False
-    lists_fifos = False
-    nlst_dots = True
-
-    def group(self, st):
-        account = self.server.account
-        if st.st_gid == account.gid:
-            return grp.getgrgid(account.gid).gr_name[:10]
-        return str(st.st_gid)
-
-
-DIALECTS = {"scripted": ScriptedDialect, "vsftpd": VsftpdDialect,
-            "vsftpd-nochroot": VsftpdDialect,
-            "proftpd-nochroot": ProftpdDialect,
-            "proftpd": ProftpdDialect, "pureftpd": PureftpdDialect}
-
-
-def dialect(server):
-    return DIALECTS[server.kind](server)
 
 
 # ------------------------------------------------------------------ helpers
 
-class Commands(object):
-    """The commands a server receives from here on."""
-
-    def __init__(self, server):
-        self.server = server
-        settle(server)
-        self.start = len(server.commands())
-
-    def since(self):
-        settle(self.server)
-        return self.server.commands()[self.start:]
-
-
-def settle(server):
-    """Wait until the server has logged everything of finished sessions."""
-    wait = getattr(server, "wait_idle", None)
-    if wait is not None:
-        wait()
-
-
-def resolved(commands, *names, login_dir="/"):
-    """(command, path) for the named commands, following the client's CWDs
-    from the login directory; each path is absolute and relative to the
-    login directory (a path outside it stays the server's own)."""
-    cwd = before = login_dir
-    found = []
-    last = None
-    for command, arg in commands:
-        if command == "MKD" and last == ("CWD", arg):
-            # libcurl makes a directory after it failed to enter it.
-            cwd = before
-        if command == "USER":
-            cwd = login_dir
-        elif command == "CWD":
-            before = cwd
-            cwd = posixpath.normpath(posixpath.join(cwd, arg))
-        last = (command, arg)
-        if command in names:
-            path = posixpath.normpath(posixpath.join(cwd, arg or "."))
-            found.append((command, login_relative(path, login_dir)))
-    return found
-
-
-def login_relative(path, login_dir):
-    """A server's absolute path as a path relative to login_dir."""
-    base = login_dir.rstrip("/")
-    if not base:
-        return path
-    if path == base:
-        return "/"
-    if path.startswith(base + "/"):
-        return path[len(base):]
-    return path
+def dialect(server):
+    return server.dialect(server)
 
 
 def run(brindle, server, *args):
@@ -358,8 +182,7 @@ def run(brindle, server, *args):
 
 
 def ok(result, stdout=b""):
-    assert (result.status, result.stdout, result.stderr) == (0, stdout, b""), \
-        result
+    assert_ok(result, stdout)
 
 
 def failed(result, message, record_property=None, stdout=b"", why=None):
@@ -369,13 +192,27 @@ def failed(result, message, record_property=None, stdout=b"", why=None):
         record_property("brindle_failure", message)
         if why is not None:
             record_property("why", why)
-    assert (result.status, result.stdout, result.stderr) == (
-        1, stdout, message.encode("utf-8", "surrogateescape") + b"\n"), result
+    assert_failed(result, message, stdout)
 
 
-def skip_line(path, reason):
-    quoted = path.replace("\\", "\\\\").replace('"', '\\"')
-    return ("skip '\"%s\"': %s\n" % (quoted, reason)).encode()
+class Failure(Exception):
+    """An expected failure of brindle: its message and why it happens."""
+
+    def __init__(self, message, why):
+        Exception.__init__(self, message)
+        self.message = message
+        self.why = why
+
+
+def expect(result, expected, record_property, stdout=b""):
+    """Asserts the outcome: success with stdout when expected is None,
+    else the Failure's message (and whatever stdout brindle printed
+    before it)."""
+    if expected is None:
+        ok(result, stdout)
+    else:
+        failed(result, expected.message, record_property, stdout,
+               expected.why)
 
 
 def served_tree(server, base):
@@ -383,12 +220,47 @@ def served_tree(server, base):
     return snapshot(server.path(base.strip("/")))
 
 
-def make_fifo(server, rel):
-    path = server.path(rel)
-    os.mkfifo(str(path))
-    server._own(path)
-    os.utime(str(path), (OLD, OLD), follow_symlinks=False)
-    return path
+def served_path(server, remote):
+    return server.path(remote.strip("/"))
+
+
+def request_url(server, remote):
+    """The URL of brindle's request for a remote path, as its failure
+    messages show it."""
+    return server.url(remote)
+
+
+def active_failure(server, remote, curl_args, probe=None):
+    """The Failure of a request for a remote path that needs a data
+    connection, in active mode, on a server that refuses PORT; None
+    otherwise.  libcurl's text comes from curl making the same request
+    (or a listing of probe instead, for an upload)."""
+    if server.passive or server.traits.port is None:
+        return None
+    if probe is None:
+        text = curl_says(server, remote, *curl_args)
+    else:
+        text = curl_says(server, probe, "-X", "LIST")
+    return Failure("Unable to perform request for '%s': %s" % (
+        request_url(server, remote), text),
+        "the server does not implement active mode (it answers PORT with "
+        "`%s`, and EPRT likewise), so every transfer and listing fails; "
+        "use passive mode (the default)" % server.traits.port)
+
+
+def listing_failure(server, directory):
+    """The Failure of brindle's listing of a remote directory (LIST of
+    DIR/.), or None: active mode refused, or a line the LIST pattern
+    rejects."""
+    remote = directory.rstrip("/") + "/."
+    refused = active_failure(server, remote, ["-X", "LIST"])
+    if refused is not None:
+        return refused
+    for line in dialect(server).list_lines(served_path(server, directory)):
+        if not LIST_PATTERN.fullmatch(line):
+            return Failure("Unable to parse FTP LIST output '%s'" % line,
+                           server.why_rejected)
+    return None
 
 
 def make_sample(server, base):
@@ -405,29 +277,18 @@ def make_sample(server, base):
     server.make_file(base + "/nested/deeper/z.txt", b"zed", mtime=OLD)
     server.make_dir(base + "/nested/hollow", mtime=OLD)
     server.make_symlink(base + "/link", "a.txt", mtime=OLD)
-    make_fifo(server, base.strip("/") + "/fifo")
+    server.make_fifo(base.strip("/") + "/fifo", mtime=OLD)
     os.utime(str(server.path(base + "/nested/deeper")), (OLD, OLD))
     os.utime(str(server.path(base + "/nested")), (OLD, OLD))
     os.utime(str(server.path(base)), (OLD, OLD))
 
 
 def record_samples(record_property, server, directory):
-    """Sample LIST lines exactly as the server sent them (raw bytes,
-    line ends included), for the compatibility document."""
-    for line in raw_list_lines(server, directory):
+    """Sample LIST lines exactly as the server sent them in ASCII mode, as
+    libcurl asks for them (raw bytes, line ends included), for the
+    compatibility document."""
+    for line in raw_answer(server, directory).splitlines(keepends=True):
         record_property("list_line", repr(line)[1:])
-
-
-def raw_list_lines(server, directory):
-    chunks = []
-    with ftplib.FTP() as ftp:
-        ftp.connect(server.host, server.port, timeout=10)
-        ftp.login(server.user, server.password)
-        ftp.set_pasv(True)
-        # Relative to the login directory, as brindle's paths are.
-        ftp.cwd(directory.lstrip("/") or ".")
-        ftp.retrbinary("LIST", chunks.append)
-    return b"".join(chunks).splitlines(keepends=True)
 
 
 # ---------------------------------------------------------------- list
@@ -442,32 +303,54 @@ def listed(server):
 def test_list_contents_short(brindle, server, listed, report):
     log = Commands(server)
     result = run(brindle, server, "--list", "--remote-path", "/list/.")
+    sent = log.since()
 
-    names = dialect(server).nlst_names(listed)
-    ok(result, "".join(n + "\n" for n in names).encode())
-    assert [c for c, _ in log.since() if c in ("LIST", "NLST")] == ["NLST"]
+    expected = active_failure(server, "/list/.", ["--list-only", "-X",
+                                                  "NLST"])
+    if expected is None and server.traits.nlst is not None:
+        expected = Failure(
+            "Unable to perform request for '%s': %s" % (
+                request_url(server, "/list/."), curl_says(
+                    server, "/list/.", "--list-only", "-X", "NLST")),
+            "the server answers NLST without an argument with `%s`; "
+            "`--long-listing` (LIST) works" % server.traits.nlst)
+    model = dialect(server)
+    expect(result, expected, report, model.nlst_text(listed).encode(
+        "utf-8", "surrogateescape") if expected is None else b"")
+    assert [c for c, _ in sent if c in ("LIST", "NLST")] == (
+        ["NLST"] if server.traits.port is None or server.passive else [])
 
 
 def test_list_contents_long(brindle, server, listed, report):
+    model = dialect(server)
+    # The model of the server's own answer: the exact bytes it sends.
+    assert raw_answer(server, "/list") == model.list_body(listed)
     log = Commands(server)
     result = run(brindle, server, "--list", "--remote-path", "/list/.",
                  "--long-listing")
+    sent = log.since()
 
-    ok(result, dialect(server).list_text(listed).encode())
-    assert [c for c, _ in log.since() if c in ("LIST", "NLST")] == ["LIST"]
+    expected = active_failure(server, "/list/.", ["-X", "LIST"])
+    expect(result, expected, report, model.list_text(listed).encode(
+        "utf-8", "surrogateescape") if expected is None else b"")
+    assert [c for c, _ in sent if c in ("LIST", "NLST")] == (
+        ["LIST"] if expected is None else [])
     record_samples(report, server, "/list")
+
+
+ENTRIES = ["a.txt", "nested", "link", ODD_NAME, "fifo"]
 
 
 def test_list_entry_short(brindle, server, listed, report):
     model = dialect(server)
-    for name in ["a.txt", "nested", "link", ODD_NAME, "fifo"]:
+    for name in ENTRIES:
         result = run(brindle, server, "--list", "--remote-path",
                      "/list/" + name)
-        if model.visible(listed / name):
-            ok(result, name.encode() + b"\n")
-        else:
-            failed(result, "Unable to find remote path '/list/%s'" % name,
-                   report, why="the server leaves the fifo out of LIST")
+        expected = listing_failure(server, "/list")
+        if expected is None and not model.visible(listed / name):
+            expected = Failure("Unable to find remote path '/list/%s'" % name,
+                               server.why_unlisted)
+        expect(result, expected, report, name.encode() + b"\n")
 
 
 def test_list_entry_long(brindle, server, listed, report):
@@ -475,45 +358,76 @@ def test_list_entry_long(brindle, server, listed, report):
     for name in ["a.txt", "nested", "link", ODD_NAME, "empty"]:
         result = run(brindle, server, "--list", "--remote-path",
                      "/list/" + name, "--long-listing")
-        ok(result, model.line(listed / name).encode() + b"\n")
+        expected = listing_failure(server, "/list")
+        line = b""
+        if expected is None:
+            line = model.line(listed / name).encode() + b"\n"
+        expect(result, expected, report, line)
 
 
 # ------------------------------------------------------------ download
 
 def expected_download(server, remote_dir, local_rel, follow):
     """Walks the served tree as brindle must: (stdout, local snapshot,
-    LIST and RETR requests in order)."""
+    LIST and RETR requests in order, the expected Failure or None)."""
     model = dialect(server)
-    out, tree, requests = [], {local_rel: DIR}, []
+    out, tree, requests = [], {}, []
 
     def walk(served, remote, local):
+        failure = listing_failure(server, remote)
+        if failure is not None:
+            raise failure
         requests.append(("LIST", remote))
         for path in model.list_entries(served):
+            if path.name in (".", ".."):
+                # brindle passes over a listing's own "." and "..".
+                continue
             r, l = remote + "/" + path.name, local + "/" + path.name
             walk_entry(path, r, l)
 
     def walk_entry(path, remote, local):
-        st = os.lstat(str(path))
-        if stat.S_ISLNK(st.st_mode):
+        kind = model.kind_of(path)
+        if kind == "link":
             if not follow:
                 out.append(skip_line(remote, "symbolic links aren't allowed"))
                 return
             target = posixpath.join(posixpath.dirname(remote),
                                     os.readlink(str(path)))
+            failure = listing_failure(server, posixpath.dirname(target))
+            if failure is not None:
+                raise failure
             requests.append(("LIST", posixpath.dirname(target)))
             walk_entry(path.parent / os.readlink(str(path)), target, local)
-        elif stat.S_ISDIR(st.st_mode):
+        elif kind == "dir":
             tree[local] = DIR
             walk(path, remote, local)
-        elif stat.S_ISREG(st.st_mode):
+        elif kind == "file":
+            # brindle makes the local file before it asks for the data.
+            tree[local] = b""
+            refused = model.refuses_retr(path)
+            if refused:
+                raise Failure(
+                    "Unable to perform request for '%s': %s" % (
+                        request_url(server, remote),
+                        curl_says(server, remote)), refused)
+            refused = active_failure(server, remote, [])
+            if refused is not None:
+                raise refused
             tree[local] = path.read_bytes()
             requests.append(("RETR", remote))
         else:
             out.append(skip_line(remote, "unsupported file type"))
 
-    requests.append(("LIST", posixpath.dirname(remote_dir)))
-    walk(server.path(remote_dir.strip("/")), remote_dir, local_rel)
-    return b"".join(out), tree, requests
+    try:
+        failure = listing_failure(server, posixpath.dirname(remote_dir))
+        if failure is not None:
+            raise failure
+        requests.append(("LIST", posixpath.dirname(remote_dir)))
+        tree[local_rel] = DIR
+        walk(served_path(server, remote_dir), remote_dir, local_rel)
+    except Failure as failure:
+        return b"".join(out), tree, requests, failure
+    return b"".join(out), tree, requests, None
 
 
 @pytest.fixture(scope="module")
@@ -532,16 +446,19 @@ def test_download_tree(brindle, server, download_source, local_account,
     result = run(brindle, server, "--download", "--local-user",
                  local_account.name, "--remote-path", download_source,
                  "--local-path", "out", "--recursive", *flags)
+    sent = log.since()
 
-    stdout, tree, requests = expected_download(server, download_source,
-                                               "out", follow)
-    ok(result, stdout)
+    stdout, tree, requests, failure = expected_download(
+        server, download_source, "out", follow)
+    expect(result, failure, report, stdout)
     assert snapshot(brindle.workdir) == tree
-    assert resolved(log.since(), "LIST", "RETR",
+    assert resolved(sent, "LIST", "RETR",
                     login_dir=server.login_dir) == requests
-    # The expectation comes from the served files: make sure they are
-    # the sample's bytes, so the comparison above is about them.
-    assert (tree["out/all-bytes.bin"], tree["out/big.bin"]) == (BINARY, BIG)
+    if failure is None:
+        # The expectation comes from the served files: make sure they are
+        # the sample's bytes, so the comparison above is about them.
+        assert (tree["out/all-bytes.bin"], tree["out/big.bin"]) == (BINARY,
+                                                                    BIG)
 
 
 # -------------------------------------------------------------- upload
@@ -566,9 +483,12 @@ def make_local_sample(brindle, account):
     return base
 
 
-def expected_upload(local, remote, follow):
+def expected_upload(server, local, remote, follow):
     """Walks the local tree as brindle must, in the file system's order:
-    (stdout, served snapshot, STOR requests in order, MKD requests)."""
+    (stdout, served snapshot, STOR requests in order, MKD requests, the
+    expected Failure or None).  A server without active mode makes the
+    missing folders of the first file (libcurl makes them before the
+    data connection) and refuses its data connection."""
     out, tree, stores, made = [], {}, [], []
 
     def walk(path, remote_path, rel):
@@ -588,11 +508,19 @@ def expected_upload(local, remote, follow):
                 tree[parent] = DIR
                 made.append(("MKD", "/" + parent))
                 parent = posixpath.dirname(parent)
+            # libcurl fails on the data connection's PORT as it does for a
+            # listing.
+            refused = active_failure(server, remote_path, [], probe="/")
+            if refused is not None:
+                raise refused
             tree[rel] = path.read_bytes()
             stores.append(("STOR", remote_path))
 
-    walk(local, remote, remote.strip("/"))
-    return b"".join(out), tree, stores, made
+    try:
+        walk(local, remote, remote.strip("/"))
+    except Failure as failure:
+        return b"".join(out), tree, stores, made, failure
+    return b"".join(out), tree, stores, made, None
 
 
 @pytest.mark.parametrize("follow", [False, True],
@@ -605,21 +533,22 @@ def test_upload_tree(brindle, server, local_account, report, follow):
     result = run(brindle, server, "--upload", "--local-user",
                  local_account.name, "--local-path", str(local),
                  "--remote-path", remote, "--recursive", *flags)
+    commands = log.since()
 
-    stdout, tree, stores, made = expected_upload(local, remote, follow)
-    ok(result, stdout)
+    stdout, tree, stores, made, failure = expected_upload(server, local,
+                                                          remote, follow)
+    expect(result, failure, report, stdout)
     served = {k: v for k, v in snapshot(server.root).items()
               if k == remote[1:] or k.startswith(remote[1:] + "/")}
     assert served == tree
-    commands = log.since()
-    assert resolved(commands, "STOR", login_dir=server.login_dir) == stores
+    assert resolved(commands, "STOR", login_dir=server.login_dir) == (
+        stores if failure is None else [])
     # Every missing directory is made once, by the first file inside it.
     assert sorted(resolved(commands, "MKD",
                            login_dir=server.login_dir)) == sorted(made)
-    if server.kind != "scripted":
-        # The daemons store as the logged-in account.
-        owners = {os.lstat(str(server.path(k))).st_uid for k in served}
-        assert owners == {local_account.uid}
+    # Stored as the account the server works as.
+    owners = {os.lstat(str(server.path(k))).st_uid for k in served}
+    assert owners <= {server.writes_as}
 
 
 # -------------------------------------------------------------- remove
@@ -630,11 +559,11 @@ REFUSAL_WHY = ("the server leaves the fifo out of LIST, so brindle sends "
                "took effect")
 
 
-def refusal(server):
+def refusal(server, code=550):
     """brindle's message when the server refuses one of the removal's
     commands (the request addresses the login directory)."""
-    return ("Unable to perform request for '%s': QUOT command failed with 550"
-            % server.url("/")[:-1])
+    return ("Unable to perform request for '%s': QUOT command failed with %d"
+            % (server.url("/")[:-1], code))
 
 
 def expected_removal(server, remote):
@@ -646,8 +575,10 @@ def expected_removal(server, remote):
     commands = [("NOOP", "")]
 
     def walk(path, remote_path):
-        if stat.S_ISDIR(os.lstat(str(path)).st_mode):
+        if model.kind_of(path) == "dir":
             for child in model.list_entries(path):
+                if model.entry_name(child) in (".", ".."):
+                    continue
                 walk(child, remote_path + "/" + child.name)
             commands.append(("RMD", remote_path))
         else:
@@ -668,6 +599,26 @@ def expected_removal(server, remote):
     return commands, accepted, None
 
 
+def removal_lookup_failure(server, remote):
+    """The Failure of the walk before anything is deleted, or None."""
+    model = dialect(server)
+
+    def walk(directory):
+        failure = listing_failure(server, directory)
+        if failure is not None:
+            return failure
+        for child in model.list_entries(served_path(server, directory)):
+            if model.entry_name(child) in (".", ".."):
+                continue
+            if model.kind_of(child) == "dir":
+                failure = walk(directory + "/" + child.name)
+                if failure is not None:
+                    return failure
+        return None
+
+    return listing_failure(server, posixpath.dirname(remote)) or walk(remote)
+
+
 @pytest.fixture(scope="module")
 def removal_source(server):
     make_sample(server, "rm/tree")
@@ -678,18 +629,39 @@ def removal_source(server):
 
 
 def test_remove_tree(brindle, server, removal_source, report):
+    before = served_tree(server, "/rm")
+    lookup = removal_lookup_failure(server, removal_source)
     commands, accepted, refused = expected_removal(server, removal_source)
     log = Commands(server)
     result = run(brindle, server, "--remove", "--remote-path",
                  removal_source, "--recursive")
-
     sent = named(log.since(), "NOOP", "DELE", "RMD")
-    # The server's own names for the entries below the login directory.
-    assert sent == [(c, server.server_path(p)) for c, p in accepted]
-    if refused is None:
+
+    if lookup is not None:
+        # Nothing is deleted when a listing fails during the walk.
+        failed(result, lookup.message, report, why=lookup.why)
+        assert sent == []
+        assert served_tree(server, "/rm") == before
+    elif server.traits.noop is not None:
+        # The server refuses the NOOP in front of the commands: nothing
+        # after it is sent.
+        failed(result, "Unable to perform request for '%s': %s" % (
+            server.url("/")[:-1], curl_says(server, "/", "-Q",
+                                                  "NOOP")),
+            report, why="the server does not implement NOOP (it answers "
+            "`%s`), which brindle sends before the removal's DELE and RMD "
+            "commands; nothing is deleted. No setting avoids it"
+            % server.traits.noop)
+        assert sent == [("NOOP", "")]
+        assert served_tree(server, "/rm") == before
+    elif refused is None:
+        # The server's own names for the entries below the login
+        # directory.
+        assert sent == [(c, server.server_path(p)) for c, p in accepted]
         ok(result)
         assert served_tree(server, "/rm") == {"keep.txt": b"link target\n"}
     else:
+        assert sent == [(c, server.server_path(p)) for c, p in accepted]
         # The server refuses to remove a directory that is not empty.
         failed(result, refusal(server), report, why=REFUSAL_WHY)
         left = served_tree(server, "/rm")
@@ -700,16 +672,6 @@ def test_remove_tree(brindle, server, removal_source, report):
 
 
 # -------------------------------------- configurations with rejected lines
-
-# The LIST pattern brindle parses lines with, for the test's own check of
-# which line a server sends that it rejects (Python has no repeated group
-# names, so the groups are plain here).
-LIST_PATTERN = re.compile(
-    r"([-bcCdDlMnpPs?])([-r][-w][-xsS][-r][-w][-xsS][-r][-w][-xsStT])\s+"
-    r"(\d+)\s+(\S+)\s+(\S+)\s+(\d+)\s+((\w{3}\s+\d{1,2}\s+\d{1,2}:\d{2})|"
-    r"(\w{3}\s+\d{1,2}\s+\d{4}))\s+(.+)"
-    r"|(\d{1,4}[\.-]\d{2}[\.-]\d{1,4}\s+\d{1,2}:\d{2}([AP]M)?)\s+"
-    r"(([^0-9\s]+)|(\d+))\s+(.+)", re.ASCII | re.DOTALL)
 
 # Server settings that change LIST answers: (server, settings, what they
 # do).  The first two produce lines brindle rejects.
@@ -749,6 +711,7 @@ def variant(request, start_server):
     (kind, options, effect), mode = request.param
     started = start_server(kind, options)
     started.passive = (mode == "passive")
+    started.traits = Traits(started)
     started.variant = variant_id(request.param[0])
     started.effect = effect
     started.options = options
@@ -824,7 +787,7 @@ def test_variant_download_tree(brindle, variant, local_account,
     # brindle lists the parent first, then the tree, depth first.
     directories = ["/v", "/v/tree", "/v/tree/nested",
                    "/v/tree/nested/deeper", "/v/tree/nested/hollow"]
-    stdout, tree, _ = expected_download(variant, "/v/tree", "out", False)
+    stdout, tree, _, _ = expected_download(variant, "/v/tree", "out", False)
     if rejected_or_ok(result, variant, directories, variant_report, stdout):
         assert snapshot(brindle.workdir) == tree
     else:

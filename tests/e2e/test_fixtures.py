@@ -10,27 +10,9 @@ import socket
 import pytest
 
 import ftptest
-
-
-def ftp_session(server):
-    """An ftplib session logged in to server, in server's mode."""
-    ftp = ftplib.FTP()
-    ftp.connect(server.host, server.port, timeout=10)
-    ftp.login(server.user, server.password)
-    ftp.set_pasv(server.passive)
-    return ftp
-
-
-def raw_list(server, command):
-    """The exact bytes of a LIST/NLST answer (ftplib does not touch them
-    in binary mode, unlike libcurl's ASCII line end conversion)."""
-    ftp = ftp_session(server)
-    try:
-        chunks = []
-        ftp.retrbinary(command, chunks.append)
-        return b"".join(chunks)
-    finally:
-        ftp.quit()
+import servers
+from checks import ftp_session, raw_list
+from servers.vsftpd import VSFTPD
 
 
 def test_curl_lists_downloads_and_uploads(any_server):
@@ -213,18 +195,18 @@ def test_vsftpd_log_and_account(vsftpd, local_account):
 
 def test_servers_stop_with_sessions_still_open(scripted_factory, request):
     """Stopping a server also ends the sessions it forked."""
-    servers = [scripted_factory(user="u:x", password="p@ss word")]
-    if os.geteuid() == 0 and os.path.exists(ftptest.VSFTPD):
+    started = [scripted_factory(user="u:x", password="p@ss word")]
+    if os.geteuid() == 0 and os.path.exists(VSFTPD):
         account = request.getfixturevalue("local_account")
-        server = ftptest.VsftpdServer(account)
+        server = servers.create("vsftpd", account)
         request.addfinalizer(server.stop)
-        servers.append(server.start())
-    for server in servers:
+        started.append(server.start())
+    for server in started:
         ftp = ftp_session(server)           # left open on purpose
         pids = [server.proc.pid] + ftptest.descendants(server.proc.pid)
         if server.kind == "vsftpd":
             pids += ftptest.pids_with_cmdline(
-                [ftptest.VSFTPD, str(server.conf_path)])
+                [VSFTPD, str(server.conf_path)])
             # The listener and the open session's own processes: without
             # them the check below would not see a session at all.
             assert len(set(pids)) >= 2, pids

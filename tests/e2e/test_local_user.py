@@ -9,10 +9,10 @@ the end of the run.
 
 import os
 import stat
-import time
 from pathlib import Path
 
 import pytest
+from checks import assert_no_connection, assert_ok
 from ftptest import DIR, named, snapshot
 
 UNKNOWN = "no-such-user-xyz"
@@ -27,17 +27,6 @@ def _as_root(local_account):
 
 # ------------------------------------------------------------------ helpers
 
-
-
-def assert_ok(result):
-    """A clean success: status 0 and nothing on either channel."""
-    assert (result.status, result.stdout, result.stderr) == (0, b"", b""), \
-        result
-
-
-def assert_no_connection(server, wait=0.3):
-    time.sleep(wait)
-    assert server.log() == []
 
 
 

@@ -19,7 +19,7 @@ from pathlib import Path
 
 import pytest
 
-import ftptest
+from checks import Commands, assert_ok, skip_line
 from ftptest import DIR, named, snapshot
 
 SERVERS = ["vsftpd-nochroot", "proftpd-nochroot"]
@@ -107,26 +107,8 @@ def site(server):
         made.cleanup()
 
 
-class Commands(object):
-    """The commands the server receives from here on."""
-
-    def __init__(self, server):
-        self.server = server
-        server.wait_idle()
-        self.start = len(server.commands())
-
-    def since(self):
-        self.server.wait_idle()
-        return self.server.commands()[self.start:]
-
-
 def run(brindle, server, *args):
     return brindle.run(*args, *server.args(), timeout=TIMEOUT)
-
-
-def assert_ok(result, stdout=b""):
-    assert (result.status, result.stdout, result.stderr) == (
-        0, stdout, b""), result
 
 
 def without(tree, *prefixes):
@@ -303,11 +285,6 @@ def test_download_follows_links_inside_the_login_directory_only(
         "out/in/x.png": BINARY, "out/in/deeper": DIR,
         "out/in/deeper/z.txt": b"z", "out/rel": b"data"}
     site.assert_decoy_untouched()
-
-
-def skip_line(path, reason):
-    quoted = path.replace("\\", "\\\\").replace('"', '\\"')
-    return ("skip '\"%s\"': %s\n" % (quoted, reason)).encode()
 
 
 # ------------------------------------------------------------------ upload

@@ -7,11 +7,11 @@ two separate stretches.  Both test servers list directories sorted by name,
 which fixes the order in which the children are visited.
 """
 
-import time
 
 import pytest
 
 import ftptest
+from checks import assert_no_connection, assert_ok
 from ftptest import DIR, named, snapshot
 
 
@@ -57,17 +57,6 @@ def assert_deletions(server, expected):
 
 def assert_single_login(server):
     assert named(server.commands(), "USER") == [("USER", server.user)]
-
-
-def assert_ok(result):
-    """A clean success: status 0 and nothing on either channel."""
-    assert (result.status, result.stdout, result.stderr) == (0, b"", b""), \
-        result
-
-
-def assert_no_connection(server, wait=0.3):
-    time.sleep(wait)
-    assert server.log() == []
 
 
 def url(server, path=""):

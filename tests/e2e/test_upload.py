@@ -16,6 +16,7 @@ import time
 from pathlib import Path
 
 import pytest
+from checks import assert_no_connection, assert_ok
 from ftptest import DIR, named, snapshot
 
 
@@ -52,19 +53,6 @@ def upload(brindle, server, account, local, remote, *flags, **kwargs):
     return brindle.run("--upload", "--local-user", account.name,
                        "--local-path", local, "--remote-path", remote,
                        *flags, *server.args(), **kwargs)
-
-
-def assert_ok(result):
-    """A clean success: status 0 and nothing on either channel."""
-    assert (result.status, result.stdout, result.stderr) == (0, b"", b""), \
-        result
-
-
-def assert_no_connection(server, wait=0.3):
-    """The scripted server never saw a connection (a late one would be
-    logged within the wait)."""
-    time.sleep(wait)
-    assert server.log() == []
 
 
 

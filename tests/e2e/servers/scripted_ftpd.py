@@ -19,6 +19,14 @@ with a JSON "script" that can override or break parts of the protocol:
     "login_dir": "/home/u"
   }
 
+With --list-style dos the server answers LIST the way Microsoft's IIS does
+by default, in the DOS style ("01-15-21  10:30AM       <DIR>          docs",
+"01-15-21  10:30PM                 1234 a file.txt", 12-hour UTC times), and
+shows the served folder as a Windows file system would: directories and
+files only.  A symbolic link is shown as what it points to (IIS lists a
+link to a file as that file and serves its content); a dangling link, a
+fifo, a socket or a device is left out of LIST and NLST alike.
+
 A listing ANSWER is one of
   {"lines": ["text", {"b64": "..."}], "eol": "\r\n"}
   {"raw_b64": "..."}
@@ -72,6 +80,7 @@ import os
 import posixpath
 import signal
 import socket
+import stat
 import struct
 import sys
 import time
@@ -82,6 +91,7 @@ warnings.filterwarnings("ignore", category=DeprecationWarning)
 
 import asynchat  # noqa: E402
 from pyftpdlib.authorizers import DummyAuthorizer  # noqa: E402
+from pyftpdlib.filesystems import AbstractedFS  # noqa: E402
 from pyftpdlib.handlers import DTPHandler, FTPHandler  # noqa: E402
 from pyftpdlib.servers import FTPServer  # noqa: E402
 
@@ -214,6 +224,37 @@ class Script(object):
                     break
                 path = posixpath.dirname(path)
         return dirs
+
+
+class DosFS(AbstractedFS):
+    """The served folder as an IIS server in its default DOS listing
+    style shows it: directories and files only, links followed."""
+
+    def _shown(self, path):
+        try:
+            mode = os.stat(path).st_mode
+        except OSError:
+            return False
+        return stat.S_ISDIR(mode) or stat.S_ISREG(mode)
+
+    def listdir(self, path):
+        return [name for name in AbstractedFS.listdir(self, path)
+                if self._shown(os.path.join(path, name))]
+
+    def format_list(self, basedir, listing, ignore_err=True):
+        for name in listing:
+            try:
+                st = os.stat(os.path.join(basedir, name))
+            except OSError:
+                if ignore_err:
+                    continue
+                raise
+            when = time.strftime("%m-%d-%y  %I:%M%p", time.gmtime(st.st_mtime))
+            if stat.S_ISDIR(st.st_mode):
+                line = "%s       <DIR>          %s\r\n" % (when, name)
+            else:
+                line = "%s %20d %s\r\n" % (when, st.st_size, name)
+            yield line.encode("utf-8", "surrogateescape")
 
 
 class EventLog(object):
@@ -443,6 +484,9 @@ def parse_args(argv):
     p.add_argument("--user", required=True)
     p.add_argument("--password", required=True)
     p.add_argument("--host", default="127.0.0.1")
+    p.add_argument("--list-style", choices=["unix", "dos"], default="unix",
+                   help="LIST lines as pyftpdlib writes them (unix) or as "
+                   "IIS does (dos)")
     p.add_argument("--verbose", action="store_true",
                    help="log pyftpdlib's own protocol trace to stderr")
     return p.parse_args(argv)
@@ -460,6 +504,8 @@ def main(argv=None):
     ScriptedHandler.authorizer = authorizer
     ScriptedHandler.script = Script(args.script)
     ScriptedHandler.events = EventLog(args.log)
+    if args.list_style == "dos":
+        ScriptedHandler.abstracted_fs = DosFS
 
     server = FTPServer((args.host, 0), ScriptedHandler)
     port = server.socket.getsockname()[1]

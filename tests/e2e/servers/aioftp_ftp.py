@@ -1,0 +1,96 @@
+"""aioftp's FTP server (Debian's python3-aioftp), run by a small program of
+ours on 127.0.0.1 with one account chrooted to the temporary root."""
+
+import subprocess
+
+import ftptest
+
+from .base import Dialect, PythonServer, mode_string
+
+PROGRAM = r'''
+import asyncio
+import json
+import os
+import pathlib
+import sys
+import time
+
+import aioftp
+
+root, port_file, log_path, user, password = sys.argv[1:6]
+log = open(log_path, "a", encoding="utf-8")
+
+
+def event(name, **fields):
+    fields.update(time=time.time(), event=name)
+    log.write(json.dumps(fields) + "\n")
+    log.flush()
+
+
+class LoggingServer(aioftp.Server):
+    async def dispatcher(self, reader, writer):
+        event("connect")
+        try:
+            return await aioftp.Server.dispatcher(self, reader, writer)
+        finally:
+            event("disconnect")
+
+    async def parse_command(self, stream, *args, **kwargs):
+        command, rest = await aioftp.Server.parse_command(
+            self, stream, *args, **kwargs)
+        event("command", command=command.upper(), arg=rest)
+        return command, rest
+
+
+async def main():
+    users = [aioftp.User(user, password, base_path=pathlib.Path(root),
+                         home_path="/",
+                         permissions=[aioftp.Permission("/", readable=True,
+                                                        writable=True)])]
+    server = LoggingServer(users)
+    await server.start(host="127.0.0.1", port=0)
+    port = server.server.sockets[0].getsockname()[1]
+    with open(port_file + ".tmp", "w") as f:
+        f.write("%d\n" % port)
+    os.replace(port_file + ".tmp", port_file)
+    await server.serve_forever()
+
+asyncio.run(main())
+'''
+
+
+class AioftpDialect(Dialect):
+    """aioftp's LIST: single blanks between the fields, owner and group
+    "none", local time as "%b %e %H:%M" within half a year and
+    "%b %e  %Y" otherwise, in directory order.  A link is shown as what
+    it points to (a dangling one is left out); a fifo as a fifo."""
+
+    follows_links = True
+    sorted_list = False
+    gmt = False
+
+    def line(self, path, name=None):
+        st = self.stat(path)
+        name = path.name if name is None else name
+        return "%s %d none none %d %s %s" % (
+            mode_string(st), st.st_nlink, st.st_size, self.date(st.st_mtime),
+            name)
+
+
+class AioftpServer(PythonServer):
+    """aioftp's server, chrooted to the temporary root."""
+
+    kind = "aioftp"
+    title = "aioftp"
+    column = "aioftp"
+    modules = ("aioftp",)
+    PROGRAM = PROGRAM
+    dialect = AioftpDialect
+    format_note = "(probing)"
+
+    def version(self):
+        out = subprocess.run(
+            [ftptest.SYSTEM_PYTHON, "-c",
+             "import aioftp; print(aioftp.__version__)"],
+            stdout=subprocess.PIPE).stdout.decode().strip()
+        return "aioftp " + out

@@ -1,0 +1,91 @@
+"""ftpd-ssl (the BSD ftpd with TLS, Debian 12's ftpd-ssl), unpacked by
+scripts/ftp-servers.sh (it conflicts with vsftpd), run inetd-style behind
+socat and speaking plain FTP, logging in an account of its own through the
+PAM service "ftp" (the package's /etc/pam.d/ftp, given to the daemon alone
+in its mount namespace)."""
+
+import re
+import shutil
+import subprocess
+
+import ftptest
+
+from .base import InetdServer, LsDialect, unpacked_version
+
+FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "in.ftpd"
+PAM_FTP = ftptest.SERVER_CACHE / "etc" / "pam.d" / "ftp"
+
+_COMMAND = re.compile(r"ftpd\[\d+\]: command: (.*)$")
+
+
+class FtpdSslDialect(LsDialect):
+    """The system's "ls -lA" (GNU coreutils), NLST in directory order."""
+
+    sorted_nlst = False
+
+
+class FtpdSslServer(InetdServer):
+    kind = "ftpd-ssl"
+    title = "ftpd-ssl"
+    column = "ftpd-ssl"
+    daemon = FTPD
+    dialect = FtpdSslDialect
+    format_note = "(probing)"
+
+    @classmethod
+    def missing(cls):
+        if not FTPD.exists() and not _release_has_ftpd_ssl():
+            return ("this Debian release has no ftpd-ssl package (Debian 12 "
+                    "was the last to ship it)")
+        return InetdServer.missing.__func__(cls)
+
+    @classmethod
+    def required_in_ci(cls):
+        return _release_has_ftpd_ssl()
+
+    def choose_port(self):
+        # In active mode the daemon connects from the port below its own
+        # (ftp-data): both must be free.
+        for _ in range(50):
+            port = ftptest.free_port()
+            if port > 1024 and not ftptest.is_listening(port - 1):
+                try:
+                    import socket
+                    with socket.socket() as s:
+                        s.bind((ftptest.HOST, port - 1))
+                except OSError:
+                    continue
+                return port
+        return ftptest.free_port()
+
+    def prepare(self):
+        InetdServer.prepare(self)
+        pam = self.tmp / "pam.d"
+        if not pam.exists():
+            shutil.copytree("/etc/pam.d", str(pam), symlinks=True)
+            shutil.copy(str(PAM_FTP), str(pam / "ftp"))
+
+    def binds(self):
+        return [(self.tmp / "pam.d", "/etc/pam.d")]
+
+    def daemon_argv(self):
+        return [str(FTPD), "-u", "022", "-d", "-l"]
+
+    def commands(self):
+        result = []
+        for line in self.log_text().splitlines():
+            m = _COMMAND.search(line)
+            if m:
+                cmd, _, arg = m.group(1).partition(" ")
+                result.append((cmd.upper(), arg))
+        return result
+
+    def version(self):
+        return "ftpd-ssl " + unpacked_version("ftpd-ssl")
+
+
+def _release_has_ftpd_ssl():
+    done = subprocess.run(["apt-cache", "policy", "ftpd-ssl"],
+                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    text = done.stdout.decode(errors="replace")
+    return "Candidate:" in text and "Candidate: (none)" not in text

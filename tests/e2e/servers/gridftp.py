@@ -1,0 +1,130 @@
+"""Globus GridFTP (Debian's globus-gridftp-server-progs) speaking plain FTP:
+clear-text logins from a password file of its own that names the local
+test account (old DES hashes only), the session starting in the temporary
+root (-home-dir), without chroot."""
+
+import grp
+import os
+import pwd
+import re
+import shutil
+import time
+
+import ftptest
+from ftptest import HOST
+
+from .base import DaemonServer, Dialect, mode_string, package_version
+
+GRIDFTP = shutil.which("globus-gridftp-server") or \
+    "/usr/sbin/globus-gridftp-server"
+
+_COMMAND = re.compile(r"\[CLIENT\]: (.*)$")
+
+
+class GridftpDialect(Dialect):
+    """GridFTP's LIST: "." and ".." first, then the entries sorted by
+    name; owner and group names, the date always with the time of day
+    (never a year); a link shown as what it points to.  In ASCII mode
+    (libcurl's for listings) every line ends in CR CR LF: the server adds
+    a CR to lines that already end in CR LF."""
+
+    follows_links = True
+    list_dots = True
+    eol = "\r\r\n"
+
+    def owner(self, st):
+        try:
+            return pwd.getpwuid(st.st_uid).pw_name
+        except KeyError:
+            return str(st.st_uid)
+
+    def group(self, st):
+        try:
+            return grp.getgrgid(st.st_gid).gr_name
+        except KeyError:
+            return str(st.st_gid)
+
+    def date(self, mtime):
+        return time.strftime("%b %e %H:%M", time.localtime(mtime))
+
+    def _remote(self, directory):
+        rel = os.path.relpath(str(directory), str(self.server.root))
+        return "/" if rel == "." else "/" + rel + "/"
+
+    def raw_lines(self, directory):
+        """The entries' lines, as the server writes them."""
+        return Dialect.list_lines(self, directory)
+
+    def list_body(self, directory):
+        return "".join(line + self.eol for line in self.raw_lines(
+            directory)).encode("utf-8", "surrogateescape")
+
+    def list_text(self, directory):
+        # What libcurl makes of CR CR LF differs between its releases:
+        # the running libcurl's own result, through curl.
+        done = self.server.curl(self._remote(directory))
+        assert done.status == 0, done
+        return done.stdout.decode("utf-8", "surrogateescape")
+
+    def list_lines(self, directory):
+        return self.list_text(directory).split("\n")[:-1]
+
+    def nlst_text(self, directory):
+        done = self.server.curl(self._remote(directory), "--list-only")
+        assert done.status == 0, done
+        return done.stdout.decode("utf-8", "surrogateescape")
+
+    def line(self, path, name=None):
+        st = self.stat(path)
+        name = path.name if name is None else name
+        return "%s %3d %-8s %-8s %12d %s %s" % (
+            mode_string(st), st.st_nlink, self.owner(st), self.group(st),
+            st.st_size, self.date(st.st_mtime), name)
+
+
+class GridftpServer(DaemonServer):
+    """GridFTP serving a temporary root as the local account."""
+
+    kind = "gridftp"
+    title = "Globus GridFTP"
+    column = "GridFTP"
+    daemon = GRIDFTP
+    comm = "globus-gridftp-"
+    chroot = False
+    dialect = GridftpDialect
+    format_note = "(probing)"
+
+    @classmethod
+    def missing(cls):
+        if not os.path.exists(GRIDFTP):
+            return ("globus-gridftp-server is missing (apt-get install "
+                    "globus-gridftp-server-progs)")
+        return None
+
+    def prepare(self):
+        self.password_file = self.tmp / "gridftp.passwd"
+        self.password_file.write_text("%s:%s:%d:%d::%s:/bin/sh\n" % (
+            self.account.name, ftptest.des_crypt(self.password),
+            self.account.uid, self.account.gid, self.root))
+        self.password_file.chmod(0o600)
+
+    def argv(self):
+        return [GRIDFTP, "-p", str(self.port), "-control-interface", HOST,
+                "-data-interface", HOST, "-password-file",
+                str(self.password_file), "-allow-disabled-login",
+                "-home-dir", str(self.root), "-d", "ALL", "-l",
+                str(self.log_path)] + self.options
+
+    def commands(self):
+        result = []
+        for line in self.log_text().splitlines():
+            m = _COMMAND.search(line)
+            if m:
+                cmd, _, arg = m.group(1).partition(" ")
+                result.append((cmd.upper(), arg))
+        return result
+
+    def version(self):
+        return "globus-gridftp-server " + package_version(
+            "globus-gridftp-server-progs")
+

@@ -1,0 +1,46 @@
+"""GNU inetutils ftpd, unpacked from Debian's inetutils-ftpd by
+scripts/ftp-servers.sh (it conflicts with vsftpd), run inetd-style behind
+socat, logging in an account of its own from /etc/shadow."""
+
+import re
+
+import ftptest
+
+from .base import InetdServer, LsDialect, unpacked_version
+
+FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "ftpd"
+
+_COMMAND = re.compile(r"ftpd\[\d+\]: command: (.*)$")
+
+
+class InetutilsDialect(LsDialect):
+    """inetutils' own "ls -lA": BSD's columns (two blanks around the
+    group), NLST in directory order."""
+
+    gaps = ("  ", " ", "  ", "  ")
+    sorted_nlst = False
+
+
+class InetutilsServer(InetdServer):
+    kind = "inetutils"
+    title = "GNU inetutils ftpd"
+    column = "inetutils"
+    daemon = FTPD
+    dialect = InetutilsDialect
+    format_note = "(probing)"
+
+    def daemon_argv(self):
+        return [str(FTPD), "-a", "default", "-u", "022", "-d", "-l"]
+
+    def commands(self):
+        result = []
+        for line in self.log_text().splitlines():
+            m = _COMMAND.search(line)
+            if m:
+                cmd, _, arg = m.group(1).partition(" ")
+                result.append((cmd.upper(), arg))
+        return result
+
+    def version(self):
+        return "inetutils-ftpd " + unpacked_version("inetutils-ftpd")
+
