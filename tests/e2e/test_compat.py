@@ -40,6 +40,7 @@ import posixpath
 import re
 import subprocess
 import time
+import urllib.parse
 
 import pytest
 
@@ -100,7 +101,8 @@ class Traits(object):
     where the server accepts the command."""
 
     def __init__(self, server):
-        server.make_dir("traits")
+        # NLST of an empty folder is refused by some servers: not empty.
+        server.make_file("traits/file", b"x")
         with ftplib.FTP() as ftp:
             ftp.connect(server.host, server.port, timeout=10)
             ftp.login(server.user, server.password)
@@ -198,10 +200,13 @@ def failed(result, message, record_property=None, stdout=b"", why=None):
 class Failure(Exception):
     """An expected failure of brindle: its message and why it happens."""
 
-    def __init__(self, message, why):
+    def __init__(self, message, why, sent=False):
         Exception.__init__(self, message)
         self.message = message
         self.why = why
+        # Whether the failing request reached the server (a listing whose
+        # answer brindle rejects) or failed before it was sent.
+        self.sent = sent
 
 
 def expect(result, expected, record_property, stdout=b""):
@@ -226,8 +231,10 @@ def served_path(server, remote):
 
 def request_url(server, remote):
     """The URL of brindle's request for a remote path, as its failure
-    messages show it."""
-    return server.url(remote)
+    messages show it: each path element percent-encoded but for the
+    unreserved characters."""
+    return server.url("/".join(urllib.parse.quote(element, safe="~")
+                               for element in remote.split("/")))
 
 
 def active_failure(server, remote, curl_args, probe=None):
@@ -259,7 +266,7 @@ def listing_failure(server, directory):
     for line in dialect(server).list_lines(served_path(server, directory)):
         if not LIST_PATTERN.fullmatch(line):
             return Failure("Unable to parse FTP LIST output '%s'" % line,
-                           server.why_rejected)
+                           server.why_rejected, sent=True)
     return None
 
 
@@ -350,7 +357,8 @@ def test_list_entry_short(brindle, server, listed, report):
         if expected is None and not model.visible(listed / name):
             expected = Failure("Unable to find remote path '/list/%s'" % name,
                                server.why_unlisted)
-        expect(result, expected, report, name.encode() + b"\n")
+        expect(result, expected, report,
+               name.encode() + b"\n" if expected is None else b"")
 
 
 def test_list_entry_long(brindle, server, listed, report):
@@ -373,11 +381,16 @@ def expected_download(server, remote_dir, local_rel, follow):
     model = dialect(server)
     out, tree, requests = [], {}, []
 
-    def walk(served, remote, local):
+    def listing(remote):
         failure = listing_failure(server, remote)
+        if failure is not None and failure.sent:
+            requests.append(("LIST", remote))
         if failure is not None:
             raise failure
         requests.append(("LIST", remote))
+
+    def walk(served, remote, local):
+        listing(remote)
         for path in model.list_entries(served):
             if path.name in (".", ".."):
                 # brindle passes over a listing's own "." and "..".
@@ -393,10 +406,7 @@ def expected_download(server, remote_dir, local_rel, follow):
                 return
             target = posixpath.join(posixpath.dirname(remote),
                                     os.readlink(str(path)))
-            failure = listing_failure(server, posixpath.dirname(target))
-            if failure is not None:
-                raise failure
-            requests.append(("LIST", posixpath.dirname(target)))
+            listing(posixpath.dirname(target))
             walk_entry(path.parent / os.readlink(str(path)), target, local)
         elif kind == "dir":
             tree[local] = DIR
@@ -419,10 +429,7 @@ def expected_download(server, remote_dir, local_rel, follow):
             out.append(skip_line(remote, "unsupported file type"))
 
     try:
-        failure = listing_failure(server, posixpath.dirname(remote_dir))
-        if failure is not None:
-            raise failure
-        requests.append(("LIST", posixpath.dirname(remote_dir)))
+        listing(posixpath.dirname(remote_dir))
         tree[local_rel] = DIR
         walk(served_path(server, remote_dir), remote_dir, local_rel)
     except Failure as failure:

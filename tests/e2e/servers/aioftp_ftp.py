@@ -86,7 +86,17 @@ class AioftpServer(PythonServer):
     modules = ("aioftp",)
     PROGRAM = PROGRAM
     dialect = AioftpDialect
-    format_note = "(probing)"
+    format_note = (
+        "Single blanks between the fields, owner and group `none`, local "
+        "time with a blank-padded day (`Jan  1  2010`), entries in directory "
+        "order; a symbolic link is shown as what it points to (a plain file "
+        "with the target's size), a fifo as a fifo. The server does not "
+        "implement `NOOP`, `NLST`, `SIZE`, `PORT` or `EPRT` (502): `--remove` "
+        "always fails before it deletes anything (brindle sends `NOOP` in "
+        "front of its `DELE` and `RMD` commands), `--list DIR/.` fails, and "
+        "active mode fails altogether; passive listings, downloads and "
+        "uploads work. Chrooted; files are stored as the server's own "
+        "user.")
 
     def version(self):
         out = subprocess.run(

@@ -30,7 +30,19 @@ class FtpdSslServer(InetdServer):
     column = "ftpd-ssl"
     daemon = FTPD
     dialect = FtpdSslDialect
-    format_note = "(probing)"
+    format_note = (
+        "The system's `/bin/ls -lA` (GNU coreutils): owner and group names, "
+        "columns as wide as their widest value, local time, sorted by name, "
+        "and a `total N` line first, which brindle's LIST pattern rejects: "
+        "every command that reads a listing (`--list PATH`, `--download`, "
+        "`--remove`) fails before it changes anything, and no option of the "
+        "daemon leaves the line out. Listing a directory's contents and "
+        "uploads work. Plain FTP needs no TLS setup. Not chrooted; NLST in "
+        "directory order; in active mode the server connects from the port "
+        "below its own (ftp-data). Debian 13 no longer ships ftpd-ssl.")
+    why_rejected = ("the server starts every LIST answer with a `total N` "
+                    "line (the system's `ls -lA`), which the LIST pattern "
+                    "rejects; no setting of ftpd-ssl leaves it out")
 
     @classmethod
     def missing(cls):

@@ -13,7 +13,8 @@ import time
 import ftptest
 from ftptest import HOST
 
-from .base import DaemonServer, Dialect, mode_string, package_version
+from .base import (DaemonServer, Dialect, DotEntry, mode_string,
+                   package_version)
 
 GRIDFTP = shutil.which("globus-gridftp-server") or \
     "/usr/sbin/globus-gridftp-server"
@@ -24,7 +25,8 @@ _COMMAND = re.compile(r"\[CLIENT\]: (.*)$")
 class GridftpDialect(Dialect):
     """GridFTP's LIST: "." and ".." first, then the entries sorted by
     name; owner and group names, the date always with the time of day
-    (never a year); a link shown as what it points to.  In ASCII mode
+    (never a year); a link shown as what it points to; "." with the
+    number of the folder's entries as its link count.  In ASCII mode
     (libcurl's for listings) every line ends in CR CR LF: the server adds
     a CR to lines that already end in CR LF."""
 
@@ -46,6 +48,18 @@ class GridftpDialect(Dialect):
 
     def date(self, mtime):
         return time.strftime("%b %e %H:%M", time.localtime(mtime))
+
+    def list_entries(self, directory):
+        entries = Dialect.list_entries(self, directory)
+        return [DotEntry(".", directory), DotEntry("..", directory.parent)] \
+            + entries[2:]
+
+    def links(self, path, st):
+        if getattr(path, "name", None) == ".":
+            # "." counts the folder's entries, "." and ".." included,
+            # instead of its links.
+            return len(os.listdir(str(path))) + 2
+        return st.st_nlink
 
     def _remote(self, directory):
         rel = os.path.relpath(str(directory), str(self.server.root))
@@ -78,8 +92,8 @@ class GridftpDialect(Dialect):
         st = self.stat(path)
         name = path.name if name is None else name
         return "%s %3d %-8s %-8s %12d %s %s" % (
-            mode_string(st), st.st_nlink, self.owner(st), self.group(st),
-            st.st_size, self.date(st.st_mtime), name)
+            mode_string(st), self.links(path, st), self.owner(st),
+            self.group(st), st.st_size, self.date(st.st_mtime), name)
 
 
 class GridftpServer(DaemonServer):
@@ -92,7 +106,24 @@ class GridftpServer(DaemonServer):
     comm = "globus-gridftp-"
     chroot = False
     dialect = GridftpDialect
-    format_note = "(probing)"
+    format_note = (
+        "`.` and `..` first (brindle passes over both), then the entries "
+        "sorted by name, owner and group names, the date always with the "
+        "time of day (never a year), a symbolic link shown as what it "
+        "points to, a fifo as a fifo. In ASCII mode, which libcurl uses for "
+        "listings, every line ends in CR CR LF: the server adds a CR to "
+        "lines that already end in CR LF, and libcurl hands the extra line "
+        "end on as an empty line after each entry (what it makes of it is "
+        "taken from the running libcurl). The LIST pattern rejects that "
+        "line, so every command that reads a listing fails before it "
+        "changes anything; listing a directory's contents and uploads "
+        "work. Not chrooted. Binary downloads through libcurl would be "
+        "corrupted besides (libcurl sends `TYPE I` after `EPSV`/`PASV`, "
+        "which this server then ignores: LF becomes CR LF, cut at the "
+        "`SIZE` value), though brindle never gets that far.")
+    why_rejected = ("the server ends every LIST line in CR CR LF in ASCII "
+                    "mode, which libcurl hands on as this line; no setting "
+                    "of GridFTP avoids it")
 
     @classmethod
     def missing(cls):

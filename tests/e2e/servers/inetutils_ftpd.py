@@ -27,7 +27,20 @@ class InetutilsServer(InetdServer):
     column = "inetutils"
     daemon = FTPD
     dialect = InetutilsDialect
-    format_note = "(probing)"
+    format_note = (
+        "Its own `ls -lA` (BSD columns: two blanks around the group), owner "
+        "and group names, local time, sorted by name, and a `total N` line "
+        "first, which brindle's LIST pattern rejects: every command that "
+        "reads a listing (`--list PATH`, `--download`, `--remove`) fails "
+        "before it changes anything, and no option of the daemon leaves "
+        "the line out. Listing a directory's contents (`--list DIR/.`, "
+        "which passes the answer through) and uploads work. Not chrooted: "
+        "`PWD` names the account's home by its machine path; NLST in "
+        "directory order; files made with umask 027 unless `-u` says "
+        "otherwise.")
+    why_rejected = ("the server starts every LIST answer with a `total N` "
+                    "line, which the LIST pattern rejects; no setting of "
+                    "GNU inetutils ftpd leaves it out")
 
     def daemon_argv(self):
         return [str(FTPD), "-a", "default", "-u", "022", "-d", "-l"]

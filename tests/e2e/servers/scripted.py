@@ -186,6 +186,8 @@ class IisServer(ScriptedServer):
     column = "IIS style"
     dialect = DosDialect
     list_style = "dos"
+    why_unlisted = ("a Windows server has no fifos: the IIS-style server "
+                    "leaves them out of LIST")
     format_note = (
         "The scripted server in its IIS mode: DOS-style lines as IIS sends "
         "them by default, `01-01-10  12:00AM       <DIR>          nested` "

@@ -131,7 +131,18 @@ class TwistedServer(PythonServer):
     modules = ("twisted.protocols.ftp",)
     PROGRAM = PROGRAM
     dialect = TwistedDialect
-    format_note = "(probing)"
+    format_note = (
+        "Fixed columns, owner and group names cut to 8 characters, the date "
+        "in UTC with the year for any other calendar year (`Jan 01  2010`), "
+        "entries in directory order. Everything is shown through links: a "
+        "symbolic link as a plain file with its target's size (downloaded "
+        "as a copy of the target, removed as the link itself), a fifo as a "
+        "plain file, whose download then fails: the server answers `SIZE` "
+        "on it with 550. `NLST` without an argument is refused (`500 Syntax "
+        "error: NLST requires an argument.`), so `--list DIR/.` fails while "
+        "`--long-listing` works. Chrooted; no `EPSV`/`EPRT` (libcurl falls "
+        "back to `PASV`/`PORT`); files are stored as the server's own "
+        "user.")
 
     def version(self):
         out = subprocess.run(
