@@ -26,20 +26,16 @@ import tempfile
 import xml.etree.ElementTree as ET
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-TEST_FILE = os.path.join(REPO, "tests", "e2e", "test_compat.py")
+E2E = os.path.join(REPO, "tests", "e2e")
+TEST_FILE = os.path.join(E2E, "test_compat.py")
 DEFAULT_OUTPUT = os.path.join(REPO, "docs", "compatibility.md")
 
-SERVERS = ["scripted", "vsftpd", "proftpd", "pureftpd", "vsftpd-nochroot",
-           "proftpd-nochroot"]
-SERVER_NAMES = {"scripted": "pyftpdlib (scripted)", "vsftpd": "vsftpd",
-                "proftpd": "ProFTPD", "pureftpd": "Pure-FTPd",
-                "vsftpd-nochroot": "vsftpd without chroot",
-                "proftpd-nochroot": "ProFTPD without chroot"}
-# Column titles of the matrix.
-SHORT_NAMES = {"scripted": "pyftpdlib", "vsftpd": "vsftpd",
-               "proftpd": "ProFTPD", "pureftpd": "Pure-FTPd",
-               "vsftpd-nochroot": "vsftpd no-chroot",
-               "proftpd-nochroot": "ProFTPD no-chroot"}
+# The servers, in the order of the registry in tests/e2e/servers; their
+# names, format notes and versions come from the run's report.
+sys.path.insert(0, E2E)
+import servers  # noqa: E402
+
+SERVERS = servers.KINDS
 MODES = ["passive", "active"]
 
 # (test function, parameter that tells the scenario apart, row title)
@@ -71,37 +67,6 @@ VARIANT_SCENARIOS = [
     ("test_variant_remove_tree", "remove tree"),
 ]
 
-# What each server's own LIST format looks like; the tests model exactly
-# this (tests/e2e/test_compat.py, class Dialect and its subclasses).
-FORMAT_NOTES = {
-    "scripted": "Owner and group by name, day of month with a leading zero "
-                "(`Jan 01  2010`), times in UTC, LIST and NLST sorted by "
-                "name, fifos listed.",
-    "vsftpd": "Numeric owner and group, day with a leading zero "
-              "(`Jan 01  2010`), times in UTC, LIST and NLST sorted by name, "
-              "fifos listed.",
-    "proftpd": "Owner and group by name from its own user and group files "
-               "(numbers for others), day padded with a blank "
-               "(`Jan  1  2010`), times in UTC (TimesGMT), LIST sorted by "
-               "name but NLST in directory order, fifos listed.",
-    "pureftpd": "Numeric owner but the login group's *name*, cut to 10 "
-                "characters, day padded with a blank, local time, LIST "
-                "sorted by name and without fifos (they are invisible: "
-                "`--list` of one cannot find it, and a tree holding one "
-                "cannot be removed), NLST in directory order with `.` and "
-                "`..` among the names.",
-    "vsftpd-nochroot": "As vsftpd's. Started with `chroot_local_user=NO` "
-                       "and `local_root` set to the served folder, as "
-                       "Debian's vsftpd logs a local account in to its "
-                       "home: `PWD` names the folder's machine path, and "
-                       "brindle's `DELE` and `RMD` carry that path in "
-                       "front of the remote path.",
-    "proftpd-nochroot": "As ProFTPD's. Started without `DefaultRoot`, as "
-                        "Debian ships it: the account logs in to its home, "
-                        "the served folder, which `PWD` names by its "
-                        "machine path; brindle's `DELE` and `RMD` carry "
-                        "that path in front of the remote path.",
-}
 
 # How to keep each variant's lines acceptable, by variant id prefix.
 AVOID = {
@@ -212,6 +177,13 @@ def find(cases, function, mode, server=None, variant=None, flag=None):
     return None
 
 
+def server_prop(cases, server, name, default=""):
+    """A property that the run recorded for a server (its title, column,
+    format note, version)."""
+    return next((c.prop(name) for c in cases if c.prop("server") == server
+                 and c.prop(name) is not None), default)
+
+
 def variant_title(cases, variant):
     """A server and the setting it was started with, for a variant id
     such as proftpd[-R]."""
@@ -219,7 +191,7 @@ def variant_title(cases, variant):
     options = next((c.prop("options") for c in cases
                     if c.prop("server") == variant and c.prop("options")),
                    variant)
-    return "%s `%s`" % (SERVER_NAMES.get(kind, kind), options)
+    return "%s `%s`" % (server_prop(cases, variant, "title", kind), options)
 
 
 def machine_lines(cases):
@@ -249,15 +221,38 @@ def render(suite, cases):
     w("<!-- Written by scripts/compatibility.py from a run of "
       "tests/e2e/test_compat.py; do not edit by hand. -->")
     w("")
-    w("brindle against four FTP servers, each in passive and active mode, "
-      "on 127.0.0.1; vsftpd and ProFTPD also without chroot, where the "
-      "login directory is the account's home by its machine path rather "
-      "than the server's `/`. Every cell is one test of `tests/e2e/test_compat.py` "
-      "that checks brindle's exact standard output, standard error and "
-      "exit status, the files on disk and on the server, and the commands "
-      "the server logged. The expected listings are computed from the "
-      "files the server has, through a model of each server's LIST "
-      "format (below).")
+    w("brindle against the FTP servers of Debian, each in passive and "
+      "active mode, on 127.0.0.1: vsftpd, ProFTPD, Pure-FTPd, Twisted, "
+      "aioftp, GNU inetutils ftpd, ftpd-ssl and Globus GridFTP, a "
+      "pyftpdlib server, and that server in an IIS-like mode with "
+      "DOS-style listings; vsftpd and ProFTPD also without chroot, where "
+      "the login directory is the account's home by its machine path "
+      "rather than the server's `/`.")
+    w("")
+    w("## Which server, what to expect")
+    w("")
+    w("| Server | Passive | Active | What to expect |")
+    w("|---|---|---|---|")
+    for server in SERVERS:
+        row = [server_prop(cases, server, "title", server)]
+        for mode in MODES:
+            good, expected, bad = outcome_counts(cases, server, mode)
+            if good + expected + bad == 0:
+                row.append("not run")
+            elif bad:
+                row.append("**%d test failures or skips**" % bad)
+            else:
+                row.append("%d of %d work" % (good, good + expected))
+        row.append(server_prop(cases, server, "expect", ""))
+        w("| " + " | ".join(row) + " |")
+    w("")
+    w("Every cell of the matrix below is one test of "
+      "`tests/e2e/test_compat.py` that checks brindle's exact standard "
+      "output, standard error and exit status, the files on disk and on "
+      "the server, and the commands the server logged; where brindle "
+      "fails, the test expects that exact failure, and a note says why. "
+      "The expected listings are computed from the files the server has, "
+      "through a model of each server's LIST format (below).")
     w("")
     w("## The run")
     w("")
@@ -273,16 +268,15 @@ def render(suite, cases):
     w("| Server | Version |")
     w("|---|---|")
     for server in SERVERS:
-        version = next((c.prop("version") for c in cases
-                        if c.prop("server") == server), "not run")
-        w("| %s | %s |" % (SERVER_NAMES[server], version))
+        w("| %s | %s |" % (server_prop(cases, server, "title", server),
+                           server_prop(cases, server, "version", "not run")))
     w("")
     w("## Summary")
     w("")
     w("| Server | Passive | Active |")
     w("|---|---|---|")
     for server in SERVERS:
-        row = [SERVER_NAMES[server]]
+        row = [server_prop(cases, server, "title", server)]
         for mode in MODES:
             good, expected, bad = outcome_counts(cases, server, mode)
             text = "%d of %d pass" % (good, good + expected + bad)
@@ -301,7 +295,8 @@ def render(suite, cases):
     w("")
     notes = []
     header = "| Scenario | " + " | ".join(
-        "%s %s" % (SHORT_NAMES[s], m) for s in SERVERS for m in MODES) + " |"
+        "%s %s" % (server_prop(cases, s, "column", s), m)
+        for s in SERVERS for m in MODES) + " |"
     w(header)
     w("|---" * (1 + len(SERVERS) * len(MODES)) + "|")
     for function, flag, title in SCENARIOS:
@@ -319,16 +314,16 @@ def render(suite, cases):
 
     w("## LIST formats")
     w("")
-    w("Sample lines as each server sent them in the run (raw bytes, line "
-      "ends included; libcurl turns CRLF into LF before brindle reads "
-      "them). The samples list the folder `list` of the scenarios: a file "
+    w("Sample lines as each server sent them in the run, in ASCII mode "
+      "as libcurl asks for listings (raw bytes, line ends included; "
+      "libcurl turns CRLF into LF before brindle reads them). The samples list the folder `list` of the scenarios: a file "
       "with an old and one with a recent date, an empty file, binary "
       "files, `my file#1`, a directory, a symbolic link and a fifo.")
     w("")
     for server in SERVERS:
-        w("### %s" % SERVER_NAMES[server])
+        w("### %s" % server_prop(cases, server, "title", server))
         w("")
-        w(FORMAT_NOTES[server])
+        w(server_prop(cases, server, "format_note", "(not run)"))
         w("")
         case = find(cases, "test_list_contents_long", "passive",
                     server=server)
@@ -345,10 +340,10 @@ def render(suite, cases):
     w("## Settings whose LIST lines brindle rejects")
     w("")
     w("brindle reads LIST lines with one fixed pattern (Unix `ls -l` style "
-      "or DOS style). None of the four servers in its default "
-      "configuration sends a line the pattern rejects: every scenario "
-      "above that reads listings parses them. Some server settings change "
-      "that. Each row below is a server started with one setting; "
+      "or DOS style). Of the servers above, GNU inetutils ftpd, ftpd-ssl "
+      "and GridFTP send lines the pattern rejects whatever their settings "
+      "(see their notes); vsftpd, ProFTPD and Pure-FTPd in their default "
+      "configuration do not. Some of their settings change that. Each row below is a server started with one setting; "
       "listing a directory's contents only passes the answer through, "
       "while the commands that must parse lines fail with status 1 and "
       "`Unable to parse FTP LIST output '<line>'`, before anything is "

@@ -136,6 +136,7 @@ def record_server(server, record_property):
     record_property("title", server.title)
     record_property("column", server.column)
     record_property("format_note", server.format_note)
+    record_property("expect", server.expect)
     record_property("version", server_version(server))
     record_property("machine", machine())
 

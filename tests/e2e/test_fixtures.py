@@ -12,6 +12,7 @@ import pytest
 import ftptest
 import servers
 from checks import ftp_session, raw_list
+from ftptest import named
 from servers.vsftpd import VSFTPD
 
 
@@ -255,18 +256,76 @@ def test_unpacked_daemons_log_in_serve_and_log(request, local_account, kind,
     assert [c for c, _ in commands].count("USER") == 3 + 12
 
 
-@pytest.mark.parametrize("kind", ["proftpd", "pureftpd"])
-def test_unpacked_daemons_stop_with_sessions_still_open(start_server, kind):
+# The servers that fork a process per session, and those that serve every
+# session in one process.
+FORKING = ["proftpd", "pureftpd", "inetutils", "ftpd-ssl", "gridftp"]
+SINGLE = ["twisted", "aioftp"]
+
+
+@pytest.mark.parametrize("kind", FORKING + SINGLE)
+def test_servers_stop_with_a_session_still_open(start_server, kind):
     server = start_server(kind)
     try:
         ftp = ftp_session(server)           # left open on purpose
         pids = [server.proc.pid] + ftptest.descendants(server.proc.pid)
         tmp = server.tmp
+        account = getattr(server, "account", None)
+        name = account.name if account is not None else None
     finally:
         server.stop()
     ftp.close()
-    assert len(pids) >= 2
+    assert len(pids) >= (2 if kind in FORKING else 1)
     assert not [p for p in pids if ftptest._alive(p)]
     assert not tmp.exists()
     with pytest.raises(OSError):
         socket.create_connection((server.host, server.port), timeout=1)
+    if kind in ("inetutils", "ftpd-ssl"):
+        # Their own account, whose home was the root, is gone too.
+        with pytest.raises(KeyError):
+            pwd.getpwnam(name)
+
+
+@pytest.mark.parametrize("kind", ["twisted", "aioftp", "inetutils",
+                                  "ftpd-ssl", "gridftp"])
+@pytest.mark.parametrize("passive", [True, False], ids=["passive", "active"])
+def test_other_servers_log_in_serve_and_log(start_server, kind, passive):
+    server = start_server(kind)
+    try:
+        server.passive = passive
+        server.make_file("hello.txt", b"hello\n", mtime=1262304000)
+        upload = server.tmp / "upload-src"
+        upload.write_bytes(b"uploaded\n")
+        server.wait_idle()
+        before = len(server.commands())
+
+        got = server.curl("/hello.txt")
+        put = server.curl("/sub/new.txt", "-T", str(upload),
+                          "--ftp-create-dirs")
+        server.wait_idle()
+        commands = server.commands()[before:]
+
+        if kind == "aioftp" and not passive:
+            # No PORT nor EPRT: nothing moves in active mode.
+            assert got.status != 0 and put.status != 0
+            assert "PORT" in [c for c, _ in commands]
+            return
+        if kind == "gridftp":
+            # libcurl sends TYPE I after PASV or EPSV, which GridFTP then
+            # ignores: the file comes in ASCII mode (LF as CR LF), cut at
+            # the size that SIZE announced.
+            assert (got.status, got.stdout) == (0, b"hello\r"), got
+        else:
+            assert (got.status, got.stdout) == (0, b"hello\n"), got
+        assert put.status == 0, put
+        stored = server.root / "sub" / "new.txt"
+        assert stored.read_bytes() == b"uploaded\n"
+        assert stored.stat().st_uid == server.writes_as
+        # Every command is logged: the login, the transfers and the data
+        # connections of the mode.
+        assert commands[0] == ("USER", server.user)
+        assert named(commands, "RETR", "MKD", "STOR") == [
+            ("RETR", "hello.txt"), ("MKD", "sub"), ("STOR", "new.txt")]
+        setup = {"EPSV", "PASV"} if passive else {"EPRT", "PORT"}
+        assert setup & {c for c, _ in commands}
+    finally:
+        server.stop()

@@ -86,6 +86,8 @@ class AioftpServer(PythonServer):
     modules = ("aioftp",)
     PROGRAM = PROGRAM
     dialect = AioftpDialect
+    expect = ("Passive mode only; `--remove` never works, nor `--list "
+              "DIR/.` (use `--long-listing`).")
     format_note = (
         "Single blanks between the fields, owner and group `none`, local "
         "time with a blank-padded day (`Jan  1  2010`), entries in directory "

@@ -33,8 +33,10 @@ class FtpServer(object):
     title = None
     column = None
     # What its LIST answers look like and what that means for brindle, a
-    # few sentences for the compatibility document.
+    # few sentences for the compatibility document; and what a user can
+    # expect there, in one line.
     format_note = ""
+    expect = ""
     # Whether it runs only as root, and whether it serves as the local test
     # account (which the constructor then takes).
     needs_root = True

@@ -30,6 +30,8 @@ class FtpdSslServer(InetdServer):
     column = "ftpd-ssl"
     daemon = FTPD
     dialect = FtpdSslDialect
+    expect = ("Only uploads and `--list DIR/.` work: the `total N` line of "
+              "every listing stops the rest.")
     format_note = (
         "The system's `/bin/ls -lA` (GNU coreutils): owner and group names, "
         "columns as wide as their widest value, local time, sorted by name, "

@@ -106,6 +106,8 @@ class GridftpServer(DaemonServer):
     comm = "globus-gridftp-"
     chroot = False
     dialect = GridftpDialect
+    expect = ("Only uploads and `--list DIR/.` work: the CR CR LF line ends "
+              "of its listings stop the rest.")
     format_note = (
         "`.` and `..` first (brindle passes over both), then the entries "
         "sorted by name, owner and group names, the date always with the "

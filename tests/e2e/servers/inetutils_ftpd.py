@@ -27,6 +27,8 @@ class InetutilsServer(InetdServer):
     column = "inetutils"
     daemon = FTPD
     dialect = InetutilsDialect
+    expect = ("Only uploads and `--list DIR/.` work: the `total N` line of "
+              "every listing stops the rest.")
     format_note = (
         "Its own `ls -lA` (BSD columns: two blanks around the group), owner "
         "and group names, local time, sorted by name, and a `total N` line "

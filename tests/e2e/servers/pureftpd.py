@@ -41,6 +41,8 @@ class PureftpdServer(SyslogDaemonServer):
     column = "Pure-FTPd"
     daemon = PURE_FTPD
     dialect = PureftpdDialect
+    expect = ("Works, but fifos are invisible: a folder holding one cannot "
+              "be removed.")
     format_note = ("Numeric owner but the login group's *name*, cut to 10 "
                    "characters, day padded with a blank, local time, LIST "
                    "sorted by name and without fifos (they are invisible: "

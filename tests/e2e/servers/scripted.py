@@ -46,6 +46,7 @@ class ScriptedServer(FtpServer):
     needs_root = False
     needs_account = False
     dialect = ScriptedDialect
+    expect = "Everything works."
     format_note = ("Owner and group by name, day of month with a leading "
                    "zero (`Jan 01  2010`), times in UTC, LIST and NLST "
                    "sorted by name, fifos listed.")
@@ -186,6 +187,8 @@ class IisServer(ScriptedServer):
     column = "IIS style"
     dialect = DosDialect
     list_style = "dos"
+    expect = ("Everything works on DOS-style listings; a link is a copy of "
+              "its target, and a folder holding a fifo cannot be removed.")
     why_unlisted = ("a Windows server has no fifos: the IIS-style server "
                     "leaves them out of LIST")
     format_note = (

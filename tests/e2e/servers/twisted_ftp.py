@@ -131,6 +131,9 @@ class TwistedServer(PythonServer):
     modules = ("twisted.protocols.ftp",)
     PROGRAM = PROGRAM
     dialect = TwistedDialect
+    expect = ("Works but for `--list DIR/.` (use `--long-listing`); links "
+              "are copies, and a folder holding a fifo cannot be "
+              "downloaded.")
     format_note = (
         "Fixed columns, owner and group names cut to 8 characters, the date "
         "in UTC with the year for any other calendar year (`Jan 01  2010`), "

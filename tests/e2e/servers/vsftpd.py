@@ -46,6 +46,7 @@ class VsftpdServer(DaemonServer):
     daemon = VSFTPD
     port_taken = "could not bind"
     dialect = VsftpdDialect
+    expect = "Everything works, with and without chroot."
     format_note = ("Numeric owner and group, day with a leading zero "
                    "(`Jan 01  2010`), times in UTC, LIST and NLST sorted by "
                    "name, fifos listed.")
