@@ -556,7 +556,7 @@ def test_upload_tree(brindle, server, local_account, report, follow):
                            login_dir=server.login_dir)) == sorted(made)
     # Stored as the account the server works as.
     owners = {os.lstat(str(server.path(k))).st_uid for k in served}
-    assert owners <= {server.writes_as}
+    assert owners == {server.writes_as}
 
 
 # -------------------------------------------------------------- remove

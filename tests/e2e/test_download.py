@@ -15,6 +15,7 @@ import posixpath
 import pytest
 
 import ftptest
+from checks import assert_outcome, skip_line
 from ftptest import DIR, snapshot
 
 # A walk that loops would otherwise run until the fixture's own limit.
@@ -27,18 +28,6 @@ BINARY = bytes(range(256)) * 3 + b"\r\n\n\r\x00\x1a\xff\r\n"
 
 # ------------------------------------------------------------------ helpers
 
-
-
-def assert_outcome(result, status, stdout=b"", stderr=b""):
-    assert (result.status, result.stdout, result.stderr) == \
-        (status, stdout, stderr), result
-
-
-def skip_line(path, reason):
-    """A skip line as brindle prints it, the path quoted the way the C++
-    path inserter quotes it."""
-    quoted = path.replace(b"\\", b"\\\\").replace(b'"', b'\\"')
-    return b"skip '\"" + quoted + b"\"': " + reason.encode() + b"\n"
 
 
 def data_requests(server):
