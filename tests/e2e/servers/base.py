@@ -15,6 +15,7 @@ import json
 import os
 import pwd
 import secrets
+import select
 import socket
 import stat
 import subprocess
@@ -246,6 +247,11 @@ class DaemonServer(FtpServer):
     def argv(self):
         raise NotImplementedError
 
+    def environment(self):
+        """The daemon's environment: this process's, unless a server
+        needs more."""
+        return None
+
     def make_root(self):
         self.root = self.tmp / "root"
         self.root.mkdir()
@@ -266,7 +272,8 @@ class DaemonServer(FtpServer):
             with open(str(self.output_path), "wb") as out:
                 self.proc = subprocess.Popen(
                     self.argv(), stdin=subprocess.DEVNULL, stdout=out,
-                    stderr=out, start_new_session=True, cwd=str(self.tmp))
+                    stderr=out, start_new_session=True, cwd=str(self.tmp),
+                    env=self.environment())
             deadline = time.monotonic() + timeout
             while not ftptest.is_listening(self.port):
                 if self.proc.poll() is not None or time.monotonic() > deadline:
@@ -406,7 +413,6 @@ class PrivateSyslog(object):
     def _read_forever(self):
         while self._socket is not None:
             try:
-                import select
                 select.select([self._socket], [], [], 0.05)
             except (OSError, ValueError, TypeError):
                 return

@@ -6,6 +6,7 @@ in its mount namespace)."""
 
 import re
 import shutil
+import socket
 import subprocess
 
 import ftptest
@@ -64,7 +65,6 @@ class FtpdSslServer(InetdServer):
             port = ftptest.free_port()
             if port > 1024 and not ftptest.is_listening(port - 1):
                 try:
-                    import socket
                     with socket.socket() as s:
                         s.bind((ftptest.HOST, port - 1))
                 except OSError:

@@ -148,6 +148,12 @@ class GridftpServer(DaemonServer):
                 "-home-dir", str(self.root), "-d", "ALL", "-l",
                 str(self.log_path)] + self.options
 
+    def environment(self):
+        # Globus looks the machine's host name up for the address of a
+        # passive data connection; where that name resolves to nothing
+        # (a chroot's /etc/hosts), this name stands in for it.
+        return dict(os.environ, GLOBUS_HOSTNAME=HOST)
+
     def commands(self):
         result = []
         for line in self.log_text().splitlines():

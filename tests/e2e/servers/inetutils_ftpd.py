@@ -3,6 +3,7 @@ scripts/ftp-servers.sh (it conflicts with vsftpd), run inetd-style behind
 socat, logging in an account of its own from /etc/shadow."""
 
 import re
+import subprocess
 
 import ftptest
 
@@ -57,5 +58,12 @@ class InetutilsServer(InetdServer):
         return result
 
     def version(self):
-        return "inetutils-ftpd " + unpacked_version("inetutils-ftpd")
+        version = unpacked_version("inetutils-ftpd")
+        if not version:
+            # Unpacked by hand: the program's own word.
+            done = subprocess.run([str(FTPD), "--version"],
+                                  stdout=subprocess.PIPE,
+                                  stderr=subprocess.STDOUT)
+            return done.stdout.decode(errors="replace").splitlines()[0]
+        return "inetutils-ftpd " + version
 

@@ -54,8 +54,9 @@ class LoggingFTP(ftp.FTP):
         event("command", command=command.upper(), arg=arg)
         return ftp.FTP.lineReceived(self, line)
 
-    def listenFactory(self, port, factory):
-        # Passive data connections on loopback too.
+    def listenFactory(self, port, factory, interface=""):
+        # Passive data connections on loopback too (Twisted 24 names the
+        # control connection's address, older releases nothing).
         return reactor.listenTCP(port, factory, interface="127.0.0.1")
 
 
