@@ -5,7 +5,8 @@ import subprocess
 
 import ftptest
 
-from .base import Dialect, PythonServer, mode_string
+from .base import PythonServer
+from .dialect import Dialect, mode_string
 
 PROGRAM = r'''
 import asyncio

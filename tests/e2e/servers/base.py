@@ -1,7 +1,9 @@
-"""What every test server offers (FtpServer), the frame for real daemons
-started in the foreground (DaemonServer), a private syslog socket for
-daemons that log only there, and the model of a Unix LIST answer
-(Dialect) that each server's module adapts to its own format.
+"""What every test server offers (FtpServer), and the frames that the
+server modules build on: real daemons started in the foreground
+(DaemonServer), daemons that log only to syslog (SyslogDaemonServer),
+daemons written for inetd (InetdServer), and servers of Python libraries
+run by a small program (PythonServer).  How a server's LIST answers look
+is modelled in dialect.py.
 
 A server module defines one FtpServer subclass (or a few, for settings
 such as "without chroot") and names it in servers/__init__.py.  The class
@@ -10,20 +12,16 @@ received, how it formats LIST and NLST answers (its Dialect) and what a
 user meets there (format_note, and the reasons of expected failures).
 """
 
-import grp
 import json
 import os
-import pwd
 import secrets
-import select
-import socket
-import stat
 import subprocess
-import threading
 import time
 
 import ftptest
 from ftptest import HOST, make_temp_dir, remove_tree
+
+from .private_syslog import PrivateSyslog
 
 
 class FtpServer(object):
@@ -348,264 +346,6 @@ def unpacked_version(package):
     return ""
 
 
-# ----------------------------------------------------- a private syslog
-
-# Runs a program with its own /dev holding a "log" socket of ours, so that
-# a daemon that can only log to syslog logs to the test instead (the
-# machine may have no syslog daemon, and /dev/log is not ours to make).
-# Further "SOURCE TARGET" pairs after "--" are bind-mounted first (a
-# private copy of a file or folder of /etc, seen by the daemon alone).
-PRIVATE_DEVLOG = r'''
-set -eu
-tmp=$1; sock=$2; shift 2
-while [ "$1" != "--" ]; do
-  mount --bind "$1" "$2"
-  shift 2
-done
-shift
-mkdir -p "$tmp/realdev"
-mount --bind /dev "$tmp/realdev"
-mount -t tmpfs -o mode=755 devlog "/dev"
-for node in null zero full random urandom tty; do
-  : >"/dev/$node"
-  mount --bind "$tmp/realdev/$node" "/dev/$node"
-done
-ln -s "$sock" /dev/log
-exec "$@"
-'''
-
-
-class PrivateSyslog(object):
-    """A datagram socket in a server's temporary folder that the daemon
-    finds as /dev/log (see private_devlog_argv); collects the messages."""
-
-    def __init__(self, tmp):
-        self.path = tmp / "syslog.sock"
-        self.tmp = tmp
-        self._messages = []
-        self._lock = threading.Lock()
-        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self._socket.bind(str(self.path))
-        self._socket.setblocking(False)
-        os.chmod(str(self.path), 0o666)
-        # A datagram socket queues only a few messages (10 by default)
-        # before the daemon's syslog() blocks: keep reading.
-        self._reader = threading.Thread(target=self._read_forever,
-                                        daemon=True)
-        self._reader.start()
-
-    def wrap(self, argv, binds=()):
-        """argv run in a mount namespace of its own whose /dev/log is this
-        socket, with (source, target) bind mounts made first."""
-        pairs = [str(p) for pair in binds for p in pair]
-        return (["unshare", "--mount", "sh", "-c", PRIVATE_DEVLOG, "sh",
-                 str(self.tmp), str(self.path)] + pairs + ["--"] +
-                [str(a) for a in argv])
-
-    def close(self):
-        sock, self._socket = self._socket, None
-        if self._reader is not None:
-            self._reader.join()
-            self._reader = None
-        if sock is not None:
-            sock.close()
-
-    def _read_forever(self):
-        while self._socket is not None:
-            try:
-                select.select([self._socket], [], [], 0.05)
-            except (OSError, ValueError, TypeError):
-                return
-            self._drain()
-
-    def _drain(self):
-        with self._lock:
-            sock = self._socket
-            while sock is not None:
-                try:
-                    data = sock.recv(65536)
-                except (BlockingIOError, OSError):
-                    return
-                self._messages.append(
-                    data.decode("utf-8", "surrogateescape"))
-
-    def text(self):
-        """The messages so far, one a line."""
-        self._drain()
-        return "".join(m.rstrip("\n") + "\n" for m in self._messages)
-
-
-# ---------------------------------------------------- LIST answer models
-
-MONTHS = "Jan Feb Mar Apr May Jun Jul Aug Sep Oct Nov Dec".split()
-HALF_YEAR = 180 * 86400
-
-
-def mode_string(st):
-    kinds = {stat.S_IFDIR: "d", stat.S_IFLNK: "l", stat.S_IFIFO: "p",
-             stat.S_IFREG: "-", stat.S_IFSOCK: "s", stat.S_IFCHR: "c",
-             stat.S_IFBLK: "b"}
-    perms = ""
-    for who in range(3):
-        bits = (st.st_mode >> (6 - 3 * who)) & 7
-        perms += ("r" if bits & 4 else "-") + ("w" if bits & 2 else "-") + \
-            ("x" if bits & 1 else "-")
-    return kinds[stat.S_IFMT(st.st_mode)] + perms
-
-
-def directory_order(directory, dots=False):
-    """Names in the order the file system hands them out (what a server
-    that does not sort shows), optionally with "." and ".." where they
-    come."""
-    done = subprocess.run(["ls", "-f", str(directory)],
-                          stdout=subprocess.PIPE, check=True,
-                          env={"LC_ALL": "C", "PATH": os.defpath})
-    names = done.stdout.decode("utf-8", "surrogateescape").splitlines()
-    return names if dots else [n for n in names if n not in (".", "..")]
-
-
-class DotEntry(object):
-    """The "." or ".." entry of a listing: its name, and the served
-    directory it stands for (what str() and the status functions see)."""
-
-    def __init__(self, name, target):
-        self.name = name
-        self.target = target
-
-    def __str__(self):
-        return str(self.target)
-
-    def __fspath__(self):
-        return str(self.target)
-
-
-class Dialect(object):
-    """How one server writes LIST and NLST answers, as a function of the
-    served files.  The default is a Unix long listing: one line per
-    entry, no summary line, links shown as "name -> target"."""
-
-    # LIST line: link count, owner, group and size widths.
-    widths = None
-    zero_padded_day = False
-    gmt = True
-    sorted_list = True
-    sorted_nlst = True
-    lists_fifos = True
-    nlst_dots = False
-    # "." and ".." among the LIST entries.
-    list_dots = False
-    # Symbolic links shown as what they point to (a plain file with the
-    # target's size), not as links; dangling ones left out.
-    follows_links = False
-    # The line end the server sends after each LIST line.
-    eol = "\r\n"
-
-    def __init__(self, server):
-        self.server = server
-
-    def owner(self, st):
-        return str(st.st_uid)
-
-    def group(self, st):
-        return str(st.st_gid)
-
-    def date(self, mtime):
-        t = time.gmtime(mtime) if self.gmt else time.localtime(mtime)
-        day = ("%02d" if self.zero_padded_day else "%2d") % t.tm_mday
-        if 0 <= time.time() - mtime < HALF_YEAR:
-            return "%s %s %02d:%02d" % (MONTHS[t.tm_mon - 1], day, t.tm_hour,
-                                        t.tm_min)
-        return "%s %s  %d" % (MONTHS[t.tm_mon - 1], day, t.tm_year)
-
-    def stat(self, path):
-        """The status that the server shows for a served path."""
-        if self.follows_links:
-            return os.stat(str(path))
-        return os.lstat(str(path))
-
-    def line(self, path, name=None):
-        """The LIST line of one served path."""
-        st = self.stat(path)
-        links, owner, group, size = self.widths
-        name = path.name if name is None else name
-        if stat.S_ISLNK(st.st_mode):
-            name += " -> " + os.readlink(str(path))
-        return "%s %*d %-*s %-*s %*d %s %s" % (
-            mode_string(st), links, st.st_nlink, owner, self.owner(st),
-            group, self.group(st), size, st.st_size, self.date(st.st_mtime),
-            name)
-
-    def visible(self, path):
-        try:
-            mode = self.stat(path).st_mode
-        except FileNotFoundError:       # a dangling link, followed
-            return False
-        return self.lists_fifos or not stat.S_ISFIFO(mode)
-
-    def kind_of(self, path):
-        """What the listing shows a served path as: "dir", "link", "file"
-        or "other"."""
-        mode = self.stat(path).st_mode
-        if stat.S_ISDIR(mode):
-            return "dir"
-        if stat.S_ISLNK(mode):
-            return "link"
-        if stat.S_ISREG(mode):
-            return "file"
-        return "other"
-
-    def list_entries(self, directory):
-        """The paths that LIST shows for a served directory, in its order
-        ("." and ".." included where the server lists them)."""
-        names = directory_order(directory)
-        if self.sorted_list:
-            names = sorted(names)
-        entries = [directory / n for n in names if self.visible(directory / n)]
-        if self.list_dots:
-            entries = [DotEntry(".", directory),
-                       DotEntry("..", directory.parent)] + entries
-        return entries
-
-    def entry_name(self, path):
-        """The name an entry of list_entries() has in the listing."""
-        return path.name
-
-    def summary(self, directory):
-        """Lines the server sends before the entries (e.g. "total 8")."""
-        return []
-
-    def list_lines(self, directory):
-        """The LIST answer's lines, without line ends."""
-        return self.summary(directory) + [
-            self.line(p, self.entry_name(p))
-            for p in self.list_entries(directory)]
-
-    def list_body(self, directory):
-        """The LIST answer's bytes as the server sends them."""
-        return "".join(line + self.eol
-                       for line in self.list_lines(directory)).encode(
-                           "utf-8", "surrogateescape")
-
-    def list_text(self, directory):
-        """The LIST answer as libcurl hands it on (CRLF as LF)."""
-        return "".join(line + "\n" for line in self.list_lines(directory))
-
-    def nlst_text(self, directory):
-        """The NLST answer as libcurl hands it on."""
-        return "".join(n + "\n" for n in self.nlst_names(directory))
-
-    def refuses_retr(self, path):
-        """Why the server refuses to send a served path that its listing
-        shows as a file, or None."""
-        return None
-
-    def nlst_names(self, directory):
-        if self.nlst_dots:
-            return directory_order(directory, dots=True)
-        names = directory_order(directory)
-        return sorted(names) if self.sorted_nlst else names
-
-
 class SyslogDaemonServer(DaemonServer):
     """A daemon that logs its commands only to syslog: it runs with a
     private /dev/log (PrivateSyslog) whose messages are its log."""
@@ -784,62 +524,3 @@ class InetdServer(SyslogDaemonServer):
         account, self.account = getattr(self, "account", None), None
         if account is not None and account.name is not None:
             account.remove()
-
-
-class LsDialect(Dialect):
-    """A listing made the way "ls -lA" makes it (the inetd-style daemons
-    run an ls of their own or the system's): a "total N" line first (the
-    entries' 512-byte blocks, counted in KiB), then the entries sorted by
-    name, each column as wide as its widest value, owner and group by
-    name, local time."""
-
-    gmt = False
-    # What stands between the columns: after the mode, after the link
-    # count, after the owner, after the group.
-    gaps = (" ", " ", " ", " ")
-
-    def owner(self, st):
-        try:
-            return pwd.getpwuid(st.st_uid).pw_name
-        except KeyError:
-            return str(st.st_uid)
-
-    def group(self, st):
-        try:
-            return grp.getgrgid(st.st_gid).gr_name
-        except KeyError:
-            return str(st.st_gid)
-
-    def summary(self, directory):
-        blocks = sum(os.lstat(str(p)).st_blocks
-                     for p in self.list_entries(directory))
-        return ["total %d" % ((blocks + 1) // 2)]
-
-    def list_lines(self, directory):
-        entries = self.list_entries(directory)
-        stats = [os.lstat(str(p)) for p in entries]
-        widths = [max([len(str(v)) for v in values] or [0]) for values in (
-            [st.st_nlink for st in stats], [self.owner(st) for st in stats],
-            [self.group(st) for st in stats], [st.st_size for st in stats])]
-        return self.summary(directory) + [
-            self._line(p, st, widths) for p, st in zip(entries, stats)]
-
-    def line(self, path, name=None):
-        # One entry alone, as in a listing of its folder.
-        directory = path.parent
-        for candidate in self.list_lines(directory)[1:]:
-            if candidate.endswith(" " + path.name) or \
-                    (" " + path.name + " -> ") in candidate:
-                return candidate
-        raise KeyError(path)
-
-    def _line(self, path, st, widths):
-        links, owner, group, size = widths
-        name = path.name
-        if stat.S_ISLNK(st.st_mode):
-            name += " -> " + os.readlink(str(path))
-        g = self.gaps
-        return "%s%s%*d%s%-*s%s%-*s%s%*d %s %s" % (
-            mode_string(st), g[0], links, st.st_nlink, g[1], owner,
-            self.owner(st), g[2], group, self.group(st), g[3], size,
-            st.st_size, self.date(st.st_mtime), name)

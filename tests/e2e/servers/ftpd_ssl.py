@@ -11,7 +11,8 @@ import subprocess
 
 import ftptest
 
-from .base import InetdServer, LsDialect, unpacked_version
+from .base import InetdServer, unpacked_version
+from .dialect import LsDialect
 
 FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "in.ftpd"
 PAM_FTP = ftptest.SERVER_CACHE / "etc" / "pam.d" / "ftp"

@@ -13,8 +13,8 @@ import time
 import ftptest
 from ftptest import HOST
 
-from .base import (DaemonServer, Dialect, DotEntry, mode_string,
-                   package_version)
+from .base import DaemonServer, package_version
+from .dialect import Dialect, DotEntry, mode_string
 
 GRIDFTP = shutil.which("globus-gridftp-server") or \
     "/usr/sbin/globus-gridftp-server"

@@ -7,7 +7,8 @@ import subprocess
 
 import ftptest
 
-from .base import InetdServer, LsDialect, unpacked_version
+from .base import InetdServer, unpacked_version
+from .dialect import LsDialect
 
 FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "ftpd"
 

@@ -8,7 +8,8 @@ import subprocess
 import ftptest
 from ftptest import HOST
 
-from .base import DaemonServer, Dialect
+from .base import DaemonServer
+from .dialect import Dialect
 
 PROFTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "proftpd"
 
@@ -39,8 +40,8 @@ class ProftpdServer(DaemonServer):
     column = "ProFTPD"
     daemon = PROFTPD
     dialect = ProftpdDialect
-    expect = ("Everything works, with and without chroot (keep `-R` and "
-              "`-h` out of `ListOptions`).")
+    expect = ("Everything works (keep `-R` and `-h` out of "
+              "`ListOptions`).")
     format_note = ("Owner and group by name from its own user and group "
                    "files (numbers for others), day padded with a blank "
                    "(`Jan  1  2010`), times in UTC (TimesGMT), LIST sorted "

@@ -9,7 +9,8 @@ import subprocess
 import ftptest
 from ftptest import HOST
 
-from .base import Dialect, SyslogDaemonServer
+from .base import SyslogDaemonServer
+from .dialect import Dialect
 
 PURE_FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "pure-ftpd"
 PURE_PW = ftptest.SERVER_CACHE / "usr" / "bin" / "pure-pw"

@@ -12,10 +12,12 @@ import time
 
 import ftptest
 
-from .base import MONTHS, Dialect, PythonServer, mode_string
+from .base import PythonServer
+from .dialect import MONTHS, Dialect, mode_string
 
 PROGRAM = r'''
 import json
+import os
 import sys
 import time
 
@@ -67,7 +69,6 @@ factory.protocol = LoggingFTP
 listening = reactor.listenTCP(0, factory, interface="127.0.0.1")
 with open(port_file + ".tmp", "w") as f:
     f.write("%d\n" % listening.getHost().port)
-import os
 os.replace(port_file + ".tmp", port_file)
 reactor.run()
 '''
