@@ -299,6 +299,15 @@ def record_samples(record_property, server, directory):
         record_property("list_line", repr(line)[1:])
 
 
+def test_server_refuses_what_its_module_says(server, report):
+    # The module's notes and the expected outcomes below rest on this.
+    refused = {name for name, reply in [("NOOP", server.traits.noop),
+                                        ("NLST", server.traits.nlst),
+                                        ("PORT", server.traits.port)]
+               if reply is not None}
+    assert refused == server.refuses, vars(server.traits)
+
+
 # ---------------------------------------------------------------- list
 
 @pytest.fixture(scope="module")

@@ -87,6 +87,7 @@ class AioftpServer(PythonServer):
     modules = ("aioftp",)
     PROGRAM = PROGRAM
     dialect = AioftpDialect
+    refuses = frozenset(["NOOP", "NLST", "PORT"])
     expect = ("Passive mode only; `--remove` never works, nor `--list "
               "DIR/.` (use `--long-listing`).")
     format_note = (

@@ -49,6 +49,10 @@ class FtpServer(object):
     # Why brindle meets trouble there, for the compatibility document:
     # a LIST line the LIST pattern rejects, an entry it cannot find.
     why_rejected = "the LIST pattern rejects this line"
+    # Which of brindle's commands the server refuses: "NOOP", "NLST" (with
+    # no argument) and "PORT" (active mode).  The matrix checks this
+    # against the server itself.
+    refuses = frozenset()
     why_unlisted = "the server leaves the fifo out of LIST"
 
     def __init__(self, user, password):

@@ -133,6 +133,7 @@ class TwistedServer(PythonServer):
     modules = ("twisted.protocols.ftp",)
     PROGRAM = PROGRAM
     dialect = TwistedDialect
+    refuses = frozenset(["NLST"])
     expect = ("Works but for `--list DIR/.` (use `--long-listing`); links "
               "are copies, and a folder holding a fifo cannot be "
               "downloaded.")
