@@ -147,8 +147,10 @@ class TwistedServer(PythonServer):
         "on it with 550. `NLST` without an argument is refused (`500 Syntax "
         "error: NLST requires an argument.`), so `--list DIR/.` fails while "
         "`--long-listing` works. Chrooted; no `EPSV`/`EPRT` (libcurl falls "
-        "back to `PASV`/`PORT`); files are stored as the server's own "
-        "user.")
+        "back to `PASV`/`PORT`; Twisted 24 has both); files are stored as "
+        "the server's own user. In active mode libcurl 7.88 reports a "
+        "refusal with the text that its refused `EPRT` left behind "
+        "(`sa_addr inet_ntop() failed ...`), libcurl 8 with its own.")
 
     def version(self):
         out = subprocess.run(
