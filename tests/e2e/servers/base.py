@@ -265,7 +265,11 @@ class DaemonServer(FtpServer):
         ftptest.Adoption.acquire()
         self._adopting = True
         self.tmp = make_temp_dir(self.kind)
-        self.make_root()
+        try:
+            self.make_root()
+        except BaseException:
+            self.stop()
+            raise
         self.log_path = self.tmp / "commands.log"
         self.output_path = self.tmp / "daemon.out"
         for attempt in range(attempts):
