@@ -872,13 +872,17 @@ PURE_PW = SERVER_CACHE / "usr" / "bin" / "pure-pw"
 
 
 def sha512_crypt(password):
-    """A SHA-512 crypt(3) hash: the daemons' own defaults (argon2 for
-    pure-pw) cost seconds per login."""
-    import warnings
-    with warnings.catch_warnings():
-        warnings.simplefilter("ignore", DeprecationWarning)
-        import crypt
-    return crypt.crypt(password, crypt.mksalt(crypt.METHOD_SHA512))
+    """A SHA-512 crypt(3) hash, made by mkpasswd (Debian's whois package):
+    the daemons' own defaults (argon2 for pure-pw) cost seconds per login,
+    and Python's crypt module is gone from Python 3.13."""
+    done = subprocess.run(["mkpasswd", "--method=sha-512", "--stdin"],
+                          input=password.encode(), stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE)
+    hashed = done.stdout.decode().strip()
+    if done.returncode != 0 or not hashed.startswith("$6$"):
+        raise RuntimeError("mkpasswd failed (%d): %s" % (
+            done.returncode, done.stderr.decode(errors="replace")))
+    return hashed
 
 
 class ProftpdServer(_DaemonServer):
