@@ -869,6 +869,11 @@ SERVER_CACHE = Path(os.environ.get("BRINDLE_FTP_SERVERS",
 PROFTPD = SERVER_CACHE / "usr" / "sbin" / "proftpd"
 PURE_FTPD = SERVER_CACHE / "usr" / "sbin" / "pure-ftpd"
 PURE_PW = SERVER_CACHE / "usr" / "bin" / "pure-pw"
+PROFTPD_MODULES = SERVER_CACHE / "usr" / "lib" / "proftpd"
+# The ProFTPD modules the tests use that a build may have left out of the
+# binary and ship as loadable modules instead (Debian 13 does so): transfers
+# and their settings, and listings.
+PROFTPD_LOADABLE = ("mod_xfer.c", "mod_ls.c")
 
 
 def sha512_crypt(password):
@@ -903,7 +908,11 @@ class ProftpdServer(_DaemonServer):
         users.chmod(0o600)
         groups.write_text("%s:x:%d:%s\n" % (group, self.account.gid,
                                              self.account.name))
-        lines = [
+        lines = ['ModulePath %s' % PROFTPD_MODULES]
+        for module in PROFTPD_LOADABLE:
+            lines += ['<IfModule !%s>' % module, 'LoadModule %s' % module,
+                      '</IfModule>']
+        lines += [
             'ServerType standalone',
             'ServerName "brindle e2e"',
             'Port %d' % self.port,
@@ -914,7 +923,10 @@ class ProftpdServer(_DaemonServer):
             'Group nogroup',
             'PidFile %s' % (self.tmp / "proftpd.pid"),
             'ScoreboardFile %s' % (self.tmp / "proftpd.scoreboard"),
+            # No delays after a failed login; without the module, none.
+            '<IfModule mod_delay.c>',
             'DelayEngine off',
+            '</IfModule>',
             'WtmpLog off',
             'UseReverseDNS off',
             'TransferLog NONE',
