@@ -39,6 +39,7 @@ import time
 import pytest
 
 import ftptest
+import libcurl
 from ftptest import DIR, named, snapshot
 
 SERVERS = ["scripted", "vsftpd", "proftpd", "pureftpd", "vsftpd-nochroot",
@@ -103,14 +104,12 @@ def machine():
                 debian = "Debian " + f.read().strip()
         except OSError:
             debian = "not Debian"
-        curl = subprocess.run(
-            ["dpkg-query", "-W", "-f", "${Version}", "libcurl4"],
-            stdout=subprocess.PIPE).stdout.decode().strip()
         _machine.append("\n".join([
             "System: %s %s %s, %s, %d CPUs" % (
                 uname.sysname, uname.release, uname.machine, debian,
                 os.cpu_count()),
-            "libcurl: %s (Debian package libcurl4)" % (curl or "unknown"),
+            "libcurl: %s (Debian package %s)" % (libcurl.VERSION_TEXT,
+                                                  libcurl.package()),
         ]))
     return _machine[0]
 
