@@ -13,6 +13,7 @@
 #                                         directory, check, remove the root
 #   bash scripts/debian13.sh root DIR     only build the root in DIR (new)
 #   bash scripts/debian13.sh check DIR    only check, in the root in DIR
+#   bash scripts/debian13.sh remove DIR   remove the root in DIR
 #   bash scripts/debian13.sh shell DIR [COMMAND]
 #                                         run COMMAND (default: an
 #                                         interactive shell) in DIR's root,
@@ -201,6 +202,9 @@ case ${1:-} in
     root_dir=${2:?debian13.sh check DIR}
     check_root "$root_dir"
     ;;
+  remove)
+    remove_root "${2:?debian13.sh remove DIR}"
+    ;;
   shell)
     root_dir=${2:?debian13.sh shell DIR [COMMAND]}
     mount_into "$root_dir"
@@ -218,7 +222,8 @@ case ${1:-} in
     check_root "$root_dir"
     ;;
   *)
-    echo "usage: bash scripts/debian13.sh [root DIR | check DIR | shell DIR [COMMAND]]" >&2
+    echo "usage: bash scripts/debian13.sh [root DIR | check DIR | remove DIR |" \
+      "shell DIR [COMMAND]]" >&2
     exit 2
     ;;
 esac
