@@ -49,7 +49,7 @@ mirror() {
 }
 
 build_root() {  # DIR
-  local dir=$1 packages
+  local dir=$1 packages begun=$SECONDS
   [ ! -e "$dir" ] || [ -z "$(ls -A "$dir")" ] || {
     echo "debian13.sh: $dir exists and is not empty" >&2
     exit 1
@@ -63,6 +63,7 @@ build_root() {  # DIR
   echo "Building a Debian 13 root in $dir from $(mirror)"
   mmdebstrap --quiet --variant=apt --include="$packages" trixie "$dir" \
     "$(mirror)"
+  echo "Debian 13 root built in $((SECONDS - begun)) s"
 }
 
 mounted=()
@@ -159,7 +160,7 @@ check_root() {  # DIR
         status=2
         ;;
     esac
-    echo "-- Debian 13 $step: $((SECONDS - started)) s, status $status"
+    echo "== Debian 13 $step: status $status after $((SECONDS - started)) s"
     [ "$status" -eq 0 ] || failed=1
   done
   stop_leftovers "$dir"
