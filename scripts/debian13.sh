@@ -133,8 +133,9 @@ check_root() {  # DIR
   mkdir -p "$dir$inside"
   git ls-files -z | tar --null -T - -cf - | tar -xf - -C "$dir$inside"
   mount_into "$dir"
-  echo "Debian $(cat "$dir/etc/debian_version"), libcurl $(
-    run_inside "$dir" 'curl-config --version' 2>/dev/null || echo unknown)"
+  echo "Debian $(cat "$dir/etc/debian_version"), $(
+    run_inside "$dir" 'curl-config --version' 2>/dev/null ||
+      echo "libcurl unknown")"
   for step in ${DEBIAN13_STEPS:-test package bench}; do
     started=$SECONDS
     echo
