@@ -5,14 +5,17 @@
 # folder that outlives build/: Debian's FTP daemons conflict with each other
 # as packages, so only vsftpd is installed; the others run from the unpacked
 # tree. (The servers that conflict with nothing, Twisted, aioftp and GridFTP,
-# are installed as TEST_PACKAGES of scripts/packages.sh.) Their runtime libraries are installed normally
-# (COMPAT_PACKAGES in scripts/packages.sh).
+# are installed as TEST_PACKAGES of scripts/packages.sh.) The shared
+# libraries that the unpacked packages depend on are installed normally;
+# their names come from the packages' own Depends, so they are right on
+# every Debian release.
 #
 # The folder is $BRINDLE_FTP_SERVERS, by default
 # /var/cache/brindle-tests/servers; the tests look there too. Running the
-# script again does nothing once the folder holds the wanted versions.
+# script again unpacks nothing once the folder holds the wanted versions.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=scripts/packages.sh
 source scripts/packages.sh
 
 cache="${BRINDLE_FTP_SERVERS:-/var/cache/brindle-tests/servers}"
@@ -25,8 +28,6 @@ if [ "$(id -u)" -ne 0 ]; then
   echo "ftp-servers.sh: not root, ProFTPD and Pure-FTPd not fetched" >&2
   exit 0
 fi
-
-install_missing "${COMPAT_PACKAGES[@]}"
 
 # The versions apt would fetch now; the stamp records what was unpacked.
 candidates() {
@@ -41,30 +42,112 @@ for package in "${optional[@]}"; do
   [ -z "$(candidates "$package")" ] || packages+=("$package")
 done
 wanted=$(candidates "${packages[@]}")
+
 if [ -f "$cache/stamp" ] && [ "$(cat "$cache/stamp")" = "$wanted" ] &&
+  [ -f "$cache/depends" ] &&
   [ -x "$cache/usr/sbin/proftpd" ] && [ -x "$cache/usr/sbin/pure-ftpd" ] &&
   [ -x "$cache/usr/sbin/ftpd" ]; then
-  exit 0
+  :
+else
+  mkdir -p "$(dirname "$cache")"
+  work=$(mktemp -d "$(dirname "$cache")/fetch.XXXXXX")
+  trap 'rm -rf "$work"' EXIT
+  mkdir "$work/debs" "$work/tree"
+  # apt's download sandbox user must be able to write the target folder.
+  chmod 755 "$work" "$work/debs"
+  ! id _apt >/dev/null 2>&1 || chown _apt "$work/debs"
+  (cd "$work/debs" && apt-get download -qq "${packages[@]}")
+  for deb in "$work"/debs/*.deb; do
+    dpkg -x "$deb" "$work/tree"
+    # What each package needs at run time, for the step below.
+    dpkg-deb --field "$deb" Package Pre-Depends Depends >>"$work/tree/depends"
+  done
+  printf '%s\n' "$wanted" >"$work/tree/stamp"
+  chmod 755 "$work/tree"
+
+  # Swap the new tree in whole, so that a half-unpacked cache is never seen.
+  rm -rf "$cache.old"
+  [ ! -e "$cache" ] || mv "$cache" "$cache.old"
+  mv "$work/tree" "$cache"
+  rm -rf "$cache.old"
+  echo "FTP servers unpacked in $cache:"
+  sed 's/^/  /' "$cache/stamp"
 fi
 
-mkdir -p "$(dirname "$cache")"
-work=$(mktemp -d "$(dirname "$cache")/fetch.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-mkdir "$work/debs" "$work/tree"
-# apt's download sandbox user must be able to write the target folder.
-chmod 755 "$work" "$work/debs"
-! id _apt >/dev/null 2>&1 || chown _apt "$work/debs"
-(cd "$work/debs" && apt-get download -qq "${packages[@]}")
-for deb in "$work"/debs/*.deb; do
-  dpkg -x "$deb" "$work/tree"
+# --- The libraries the unpacked daemons need ---------------------------------
+# Every dependency of the unpacked packages that names a shared library
+# package (Debian's sections libs and oldlibs), with its version and its
+# alternatives as the package states them. Dependencies among the unpacked
+# packages themselves are met by the tree; the rest (init scripts, inetd,
+# debconf, perl for maintainer scripts) serves the installed package, not a
+# daemon started from the tree.
+mapfile -t clauses < <(sed -n 's/^\(Pre-\)\?Depends: //p' "$cache/depends" |
+  tr ',' '\n' | sed 's/^ *//; s/ *$//' | grep . | sort -u)
+unpacked=$(sed -n 's/^Package: //p' "$cache/depends")
+firsts=()
+for clause in "${clauses[@]}"; do
+  firsts+=("${clause%%[ (|:]*}")
 done
-printf '%s\n' "$wanted" >"$work/tree/stamp"
-chmod 755 "$work/tree"
+# The section of every first alternative that is a real package.
+sections=$(apt-cache show --no-all-versions "${firsts[@]}" 2>/dev/null |
+  awk '/^Package:/ {name=$2} /^Section:/ {print name, $2}')
+libraries=()
+for i in "${!clauses[@]}"; do
+  names=$(tr '|' '\n' <<<"${clauses[$i]}" | sed 's/^ *//; s/[ (:].*//')
+  if grep -qxFf <(printf '%s\n' "$unpacked") <<<"$names"; then
+    continue
+  fi
+  section=$(awk -v name="${firsts[$i]}" '$1 == name { print $2 }' \
+    <<<"$sections")
+  case $section in
+    libs | oldlibs) libraries+=("${clauses[$i]}") ;;
+  esac
+done
 
-# Swap the new tree in whole, so that a half-unpacked cache is never seen.
-rm -rf "$cache.old"
-[ ! -e "$cache" ] || mv "$cache" "$cache.old"
-mv "$work/tree" "$cache"
-rm -rf "$cache.old"
-echo "FTP servers unpacked in $cache:"
-sed 's/^/  /' "$cache/stamp"
+# What apt would do for the given dependencies: its Inst and Remv lines.
+plan() {
+  local IFS=, out
+  out=$(apt-get satisfy -s "$*" 2>&1) || {
+    printf 'ftp-servers.sh: apt-get satisfy %s:\n%s\n' "$*" "$out" >&2
+    return 1
+  }
+  grep -E '^(Inst|Remv) ' <<<"$out" || true
+}
+planned=""
+[ ${#libraries[@]} -eq 0 ] || planned=$(plan "${libraries[@]}")
+if grep -q '^Remv ' <<<"$planned"; then
+  # A library whose installation would remove an installed package (a
+  # daemon it conflicts with) is left out, and named.
+  kept=()
+  for clause in "${libraries[@]}"; do
+    removed=$(plan "$clause" | awk '$1 == "Remv" { print $2 }' | paste -sd ' ' -)
+    if [ -n "$removed" ]; then
+      echo "ftp-servers.sh: not installing '$clause': apt would remove $removed" >&2
+    else
+      kept+=("$clause")
+    fi
+  done
+  libraries=("${kept[@]}")
+  planned=""
+  [ ${#libraries[@]} -eq 0 ] || planned=$(plan "${libraries[@]}")
+fi
+if grep -q '^Inst ' <<<"$planned"; then
+  echo "Installing the FTP servers' libraries:" \
+    "$(awk '$1 == "Inst" { print $2 }' <<<"$planned" | paste -sd ' ' -)"
+  (IFS=,; apt_get_quietly satisfy "${libraries[*]}")
+fi
+
+# Every program of the tree must now find its libraries.
+unresolved=""
+for program in "$cache"/usr/sbin/* "$cache"/usr/bin/*; do
+  if [ ! -f "$program" ] || [ "$(head -c 4 "$program")" != $'\x7fELF' ]; then
+    continue
+  fi
+  absent=$(ldd "$program" 2>/dev/null | awk '/not found/ { print $1 }' |
+    paste -sd ' ' -)
+  [ -z "$absent" ] || unresolved+="  ${program#"$cache"/}: $absent"$'\n'
+done
+if [ -n "$unresolved" ]; then
+  printf 'ftp-servers.sh: libraries not found:\n%s' "$unresolved" >&2
+  exit 1
+fi

@@ -22,7 +22,7 @@ targets=("$@")
 
 install_missing "${BUILD_PACKAGES[@]}" "${FUZZ_PACKAGES[@]}"
 
-CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja \
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRINDLE_FUZZ=ON \
   -DBRINDLE_BUILD_TESTS=OFF -DBRINDLE_BUILD_MAN=OFF >/dev/null
 cmake --build build-fuzz

@@ -9,9 +9,16 @@ install_missing() {
   done
   [ ${#missing[@]} -eq 0 ] && return 0
 
+  echo "Installing Debian packages: ${missing[*]}"
+  apt_get_quietly install "${missing[@]}"
+}
+
+# Runs "apt-get update", then "apt-get COMMAND ARGS..." non-interactively and
+# without recommended packages, as root (through sudo otherwise), e.g.
+# apt_get_quietly install PACKAGE... or apt_get_quietly satisfy 'DEPENDS'.
+apt_get_quietly() {
   local sudo=""
   [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  echo "Installing Debian packages: ${missing[*]}"
   # Keep apt from starting the FTP daemons it installs: tests start their
   # own servers on loopback.
   local made_policy=""
@@ -20,10 +27,12 @@ install_missing() {
     $sudo chmod 755 /usr/sbin/policy-rc.d
     made_policy=1
   fi
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq \
-    --no-install-recommends "${missing[@]}" >/dev/null
+  local status=0
+  $sudo apt-get update -qq &&
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get -y -qq \
+      --no-install-recommends "$@" >/dev/null || status=$?
   [ -z "$made_policy" ] || $sudo rm -f /usr/sbin/policy-rc.d
+  return "$status"
 }
 
 # What building brindle needs.
@@ -33,16 +42,18 @@ BUILD_PACKAGES=(
 )
 # What its tests need on top: GoogleTest, pytest, the FTP servers that do
 # not conflict with vsftpd (pyftpdlib, Twisted, aioftp, GridFTP), socat (the
-# inetd-style listener of the unpacked inetutils ftpd and ftpd-ssl), whois
-# (mkpasswd, for GridFTP's password file), and valgrind for the memcheck
-# runs.
+# inetd-style listener of the unpacked inetutils ftpd and ftpd-ssl), valgrind
+# for the memcheck runs, passwd (useradd, chpasswd) for the throwaway local
+# accounts, whois for its mkpasswd (password hashes for the daemons' own user
+# files, GridFTP's included), and mount for Pure-FTPd's private /dev.
 TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pytest python3-pyftpdlib
-  python3-twisted python3-aioftp globus-gridftp-server-progs socat whois
-  vsftpd curl valgrind
+  python3-twisted python3-aioftp globus-gridftp-server-progs socat
+  vsftpd curl valgrind passwd whois mount
 )
-# What the fuzz targets need: clang with libFuzzer and the sanitizer runtimes.
-FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
+# What the fuzz targets need: clang with libFuzzer and the sanitizer runtimes
+# (this Debian release's default clang).
+FUZZ_PACKAGES=(clang libclang-rt-dev)
 # What the manual page, the shell completion and the Debian package need on
 # top: scdoc renders the page, man-db and groff check it, bash-completion
 # drives the completion test, dpkg-dev (dpkg-shlibdeps) and file let CPack
@@ -50,22 +61,20 @@ FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 PACKAGING_PACKAGES=(
   scdoc man-db groff-base bash-completion dpkg-dev file binutils
 )
-# What the compatibility matrix needs on top: the runtime libraries of the
-# ProFTPD and Pure-FTPd binaries that scripts/ftp-servers.sh unpacks (the
-# daemons themselves conflict with vsftpd as packages and are not installed).
-COMPAT_PACKAGES=(
-  libhiredis0.14 libmemcached11 libmemcachedutil2 libpcre2-posix3
-  libsodium23 libcap2 libacl1 libssl3 libpam0g libcrypt1 libwrap0
-)
-# Everything the whole test suite needs.
+# Everything the whole test suite needs. The compatibility matrix needs the
+# ProFTPD and Pure-FTPd binaries and their runtime libraries too: the
+# daemons conflict with vsftpd as packages, so scripts/ftp-servers.sh
+# unpacks them and installs the libraries that their packages depend on.
 SUITE_PACKAGES=(
   "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${PACKAGING_PACKAGES[@]}"
-  "${COMPAT_PACKAGES[@]}"
 )
-# The linters of scripts/lint.sh.
-QUALITY_PACKAGES=(clang-tidy-14 clang-format-14 cppcheck)
+# The linters of scripts/lint.sh (this Debian release's default LLVM).
+QUALITY_PACKAGES=(clang-tidy clang-format cppcheck)
 # What the benchmark script needs on top of the build: the FTP server, the
 # clients it compares brindle with, and the chart plotter.
 BENCH_PACKAGES=(
   vsftpd curl lftp gnuplot-nox time
 )
+# What .ci/run needs on top: mmdebstrap builds the Debian 13 root that the
+# suite runs in after the Debian 12 stages.
+CI_PACKAGES=(mmdebstrap)

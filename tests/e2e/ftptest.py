@@ -462,25 +462,16 @@ SERVER_CACHE = Path(os.environ.get("BRINDLE_FTP_SERVERS",
                                    "/var/cache/brindle-tests/servers"))
 
 
-def sha512_crypt(password):
-    """A SHA-512 crypt(3) hash: the daemons' own defaults (argon2 for
-    pure-pw) cost seconds per login."""
-    import warnings
-    with warnings.catch_warnings():
-        warnings.simplefilter("ignore", DeprecationWarning)
-        import crypt
-    return crypt.crypt(password, crypt.mksalt(crypt.METHOD_SHA512))
-
-
-def des_crypt(password):
-    """An old DES crypt(3) hash (GridFTP's password file knows no other),
-    made by mkpasswd (Debian's whois package): Python 3.13 has no crypt
-    module."""
-    done = subprocess.run(["mkpasswd", "--method=des", "--stdin"],
+def crypt_hash(password, method):
+    """A crypt(3) hash of password, made by mkpasswd (Debian's whois
+    package; Python 3.13 has no crypt module): "sha-512" for the daemons'
+    own user files (their defaults, argon2 for pure-pw, cost seconds per
+    login), "des" for GridFTP's password file, which knows no other."""
+    done = subprocess.run(["mkpasswd", "--method=" + method, "--stdin"],
                           input=password.encode(), stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE)
     hashed = done.stdout.decode().strip()
-    if done.returncode != 0 or len(hashed) != 13:
-        raise RuntimeError("mkpasswd failed (%d): %s" % (
-            done.returncode, done.stderr.decode(errors="replace")))
+    if done.returncode != 0 or not hashed:
+        raise RuntimeError("mkpasswd --method=%s failed (%d): %s" % (
+            method, done.returncode, done.stderr.decode(errors="replace")))
     return hashed

@@ -44,6 +44,7 @@ import urllib.parse
 
 import pytest
 
+import libcurl
 import servers
 from checks import (Commands, assert_failed, assert_ok, curl_says,
                     raw_answer, raw_list_lines, resolved, skip_line)
@@ -153,14 +154,12 @@ def machine():
                 debian = "Debian " + f.read().strip()
         except OSError:
             debian = "not Debian"
-        curl = subprocess.run(
-            ["dpkg-query", "-W", "-f", "${Version}", "libcurl4"],
-            stdout=subprocess.PIPE).stdout.decode().strip()
         _machine.append("\n".join([
             "System: %s %s %s, %s, %d CPUs" % (
                 uname.sysname, uname.release, uname.machine, debian,
                 os.cpu_count()),
-            "libcurl: %s (Debian package libcurl4)" % (curl or "unknown"),
+            "libcurl: %s (Debian package %s)" % (libcurl.VERSION_TEXT,
+                                                  libcurl.package()),
         ]))
     return _machine[0]
 

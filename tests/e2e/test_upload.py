@@ -16,6 +16,8 @@ import time
 from pathlib import Path
 
 import pytest
+
+import libcurl
 from checks import assert_no_connection, assert_ok
 from ftptest import DIR, named, snapshot
 
@@ -168,8 +170,10 @@ def test_upload_to_a_trailing_slash_names_the_target_itself(
     assert result.status == 1, result
     assert result.stdout == b""
     assert result.stderr == (
-        "Unable to perform request for '%s': "
-        "Uploading to a URL without a file name\n" % url(scripted, target)
+        "Unable to perform request for '%s': %s\n" % (
+            url(scripted, target), libcurl.wording(
+                "Uploading to a URL without a file name",    # 7.88
+                "Uploading to a URL without a filename"))    # 8.14
     ).encode()
     assert snapshot(scripted.root) == {"dir": DIR}
     assert named(scripted.commands(), "STOR", "MKD") == []

@@ -137,7 +137,7 @@ class GridftpServer(DaemonServer):
     def prepare(self):
         self.password_file = self.tmp / "gridftp.passwd"
         self.password_file.write_text("%s:%s:%d:%d::%s:/bin/sh\n" % (
-            self.account.name, ftptest.des_crypt(self.password),
+            self.account.name, ftptest.crypt_hash(self.password, "des"),
             self.account.uid, self.account.gid, self.root))
         self.password_file.chmod(0o600)
 

@@ -12,6 +12,11 @@ from .base import DaemonServer
 from .dialect import Dialect
 
 PROFTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "proftpd"
+PROFTPD_MODULES = ftptest.SERVER_CACHE / "usr" / "lib" / "proftpd"
+# The ProFTPD modules the tests use that a build may have left out of the
+# binary and ship as loadable modules instead (Debian 13 does so): transfers
+# and their settings, and listings.
+PROFTPD_LOADABLE = ("mod_xfer.c", "mod_ls.c")
 
 
 class ProftpdDialect(Dialect):
@@ -48,17 +53,20 @@ class ProftpdServer(DaemonServer):
                    "by name but NLST in directory order, fifos listed.")
 
     def prepare(self):
-        import grp
         group = grp.getgrgid(self.account.gid).gr_name
         users = self.tmp / "passwd"
         groups = self.tmp / "group"
         users.write_text("%s:%s:%d:%d::%s:/bin/sh\n" % (
-            self.account.name, ftptest.sha512_crypt(self.password), self.account.uid,
-            self.account.gid, self.root))
+            self.account.name, ftptest.crypt_hash(self.password, "sha-512"),
+            self.account.uid, self.account.gid, self.root))
         users.chmod(0o600)
         groups.write_text("%s:x:%d:%s\n" % (group, self.account.gid,
                                              self.account.name))
-        lines = [
+        lines = ['ModulePath %s' % PROFTPD_MODULES]
+        for module in PROFTPD_LOADABLE:
+            lines += ['<IfModule !%s>' % module, 'LoadModule %s' % module,
+                      '</IfModule>']
+        lines += [
             'ServerType standalone',
             'ServerName "brindle e2e"',
             'Port %d' % self.port,
@@ -69,7 +77,10 @@ class ProftpdServer(DaemonServer):
             'Group nogroup',
             'PidFile %s' % (self.tmp / "proftpd.pid"),
             'ScoreboardFile %s' % (self.tmp / "proftpd.scoreboard"),
+            # No delays after a failed login; without the module, none.
+            '<IfModule mod_delay.c>',
             'DelayEngine off',
+            '</IfModule>',
             'WtmpLog off',
             'UseReverseDNS off',
             'TransferLog NONE',

@@ -55,7 +55,7 @@ class PureftpdServer(SyslogDaemonServer):
         SyslogDaemonServer.prepare(self)
         users = self.tmp / "pureftpd.passwd"
         users.write_text("%s:%s:%d:%d::%s/./::::::::::::\n" % (
-            self.account.name, ftptest.sha512_crypt(self.password),
+            self.account.name, ftptest.crypt_hash(self.password, "sha-512"),
             self.account.uid, self.account.gid, self.root))
         self.db_path = self.tmp / "pureftpd.pdb"
         done = subprocess.run([str(PURE_PW), "mkdb", str(self.db_path), "-f",

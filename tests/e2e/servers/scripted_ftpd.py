@@ -12,7 +12,7 @@ with a JSON "script" that can override or break parts of the protocol:
                   "times": 1, "close": false, "delay": 0.0,
                   "then_run": false}, ...],
     "drop":     [{"command": "RETR", "arg": "x", "after_bytes": 100,
-                  "times": 1, "reset": false}, ...],
+                  "times": 1, "reset": false, "drain": false}, ...],
     "refuse_connections": 2,
     "refuse_reply": "421 Service not available, try later",
     "greeting": "220 Scripted server ready.",
@@ -58,6 +58,10 @@ MLSD, RETR, STOR, APPE, STOU) it moves "after_bytes" bytes over the data
 connection and then closes the data and the control connection without any
 further reply; for any other command it closes the control connection
 instead of answering.  "reset" closes with a TCP reset instead of a FIN.
+"drain" (uploads) reads the rest of the client's data after the first
+"after_bytes" bytes and throws it away, and vanishes when the client has
+sent it all and closed the data connection: a server that takes the upload
+and never answers, with no reset that the client could meet while it sends.
 
 The script file is re-read whenever its inode, size or mtime change (it is
 checked at every connection and every command); all the "times" and
@@ -293,9 +297,18 @@ class ScriptedDTPHandler(DTPHandler):
             self.cmd_channel.drop_connection()
         return sent
 
+    def _draining(self):
+        rule = self.cmd_channel.armed_drop
+        return rule is not None and bool(rule.get("drain"))
+
     def handle_read(self):
         limit = self._drop_limit()
         if limit is not None and self.tot_bytes_received >= limit:
+            if self._draining():
+                # Thrown away; the end of the data (handle_close) drops
+                # the session.
+                self.recv(65536)
+                return
             self.cmd_channel.drop_connection()
             return
         if limit is not None:
@@ -303,7 +316,8 @@ class ScriptedDTPHandler(DTPHandler):
             # of an upload reaches the file.
             self.ac_in_buffer_size = max(1, limit - self.tot_bytes_received)
         DTPHandler.handle_read(self)
-        if limit is not None and self.tot_bytes_received >= limit:
+        if (limit is not None and self.tot_bytes_received >= limit
+                and not self._draining()):
             self.cmd_channel.drop_connection()
 
     # DTPHandler binds this alias to its own handle_read.

@@ -1,0 +1,231 @@
+#!/usr/bin/env bash
+# Checks brindle on Debian 13 ("trixie") from a Debian 12 machine (or any
+# Debian with mmdebstrap): builds a minimal Debian 13 root with mmdebstrap
+# from the mirror this machine uses, copies this checkout into it (the files
+# git tracks, as they are in the working tree, without build directories),
+# and runs inside it, with chroot, what a user of Debian 13 runs: the test
+# suite (scripts/test.sh), the Debian package round trip
+# (scripts/package.sh) and the benchmark harness at 1% of its data. /proc,
+# /sys and /dev are mounted into the root while the commands run and
+# unmounted afterwards, also after a failure. Run as root.
+#
+#   bash scripts/debian13.sh              build a root in a temporary
+#                                         directory, check, remove the root
+#   bash scripts/debian13.sh root DIR     only build the root in DIR (new)
+#   bash scripts/debian13.sh check DIR    only check, in the root in DIR
+#   bash scripts/debian13.sh remove DIR   remove the root in DIR
+#   bash scripts/debian13.sh shell DIR [COMMAND]
+#                                         run COMMAND (default: an
+#                                         interactive shell) in DIR's root,
+#                                         in the checkout copied there
+#
+# DEBIAN13_MIRROR overrides the mirror; DEBIAN13_STEPS (default "test
+# package bench") chooses what "check" runs.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+# shellcheck source=scripts/packages.sh
+source scripts/packages.sh
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "debian13.sh: run as root (it builds a root and chroots into it)" >&2
+  exit 1
+fi
+
+# Where the checkout goes inside the root.
+inside=/brindle
+
+# The Debian archive this machine installs from (not its security or
+# updates suites), unless DEBIAN13_MIRROR names one.
+mirror() {
+  if [ -n "${DEBIAN13_MIRROR:-}" ]; then
+    echo "$DEBIAN13_MIRROR"
+    return
+  fi
+  # shellcheck disable=SC2016 # apt's own $(FIELD) placeholders
+  apt-get indextargets --format '$(LABEL) $(CODENAME) $(REPO_URI)' \
+    'Created-By: Packages' |
+    awk '$1 == "Debian" && $2 !~ /-/ { print $3; exit }' | grep . ||
+    echo http://deb.debian.org/debian/
+}
+
+build_root() {  # DIR
+  local dir=$1 packages begun=$SECONDS
+  [ ! -e "$dir" ] || [ -z "$(ls -A "$dir")" ] || {
+    echo "debian13.sh: $dir exists and is not empty" >&2
+    exit 1
+  }
+  install_missing "${CI_PACKAGES[@]}"
+  # Everything the steps need is installed while the root is built, in one
+  # go; the scripts inside then find nothing missing but the libraries of
+  # the unpacked FTP daemons.
+  packages=$(printf '%s\n' "${SUITE_PACKAGES[@]}" "${BENCH_PACKAGES[@]}" |
+    sort -u | paste -sd , -)
+  echo "Building a Debian 13 root in $dir from $(mirror)"
+  mmdebstrap --quiet --variant=apt --include="$packages" trixie "$dir" \
+    "$(mirror)"
+  echo "Debian 13 root built in $((SECONDS - begun)) s"
+}
+
+mounted=()
+unmount_all() {
+  local index
+  for ((index = ${#mounted[@]} - 1; index >= 0; index--)); do
+    umount -R "${mounted[$index]}" 2>/dev/null ||
+      umount -R --lazy "${mounted[$index]}" || true
+  done
+  mounted=()
+}
+mount_into() {  # DIR
+  local dir=$1
+  # The root becomes a mount point of its own, as / is: "unshare --mount"
+  # (the tests' private /dev for Pure-FTPd) changes the propagation of /,
+  # which only a mount point has.
+  mount --bind "$dir" "$dir"
+  mounted+=("$dir")
+  mount --make-private "$dir"
+  mount -t proc proc "$dir/proc"
+  mounted+=("$dir/proc")
+  local fs
+  for fs in sys dev; do
+    # Recursive (/dev/pts, /dev/shm), and one-way: unmounting it in the
+    # root must never unmount anything of this machine's.
+    mount --rbind "/$fs" "$dir/$fs"
+    mounted+=("$dir/$fs")
+    mount --make-rslave "$dir/$fs"
+  done
+}
+
+# Processes still running with their root in DIR: what the steps started
+# and left behind (a step that ran out of time). They are stopped by pid
+# so that the root can be unmounted and removed.
+stop_leftovers() {  # DIR
+  local dir pid pids=() round
+  dir=$(readlink -f "$1")
+  for round in TERM KILL; do
+    pids=()
+    for pid in /proc/[0-9]*; do
+      [ "$(readlink "$pid/root" 2>/dev/null)" = "$dir" ] || continue
+      pids+=("${pid#/proc/}")
+    done
+    [ ${#pids[@]} -gt 0 ] || return 0
+    echo "debian13.sh: stopping ${#pids[@]} processes left in the root (SIG$round)"
+    kill -s "$round" "${pids[@]}" 2>/dev/null || true
+    sleep 2
+  done
+}
+
+# Runs one command line inside the root, in the copied checkout, with a
+# clean environment.
+run_inside() {  # DIR COMMAND
+  chroot "$1" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin \
+    HOME=/root LANG=C.UTF-8 TERM=dumb ${CI:+CI="$CI"} \
+    bash -c "cd $inside && $2"
+}
+
+check_root() {  # DIR
+  local dir=$1 step started status failed=0
+  [ -x "$dir/usr/bin/apt-get" ] || {
+    echo "debian13.sh: $dir holds no Debian root" >&2
+    exit 1
+  }
+  echo "Copying the checkout into $dir$inside"
+  rm -rf "${dir:?}$inside"
+  mkdir -p "$dir$inside"
+  git ls-files -z | tar --null -T - -cf - | tar -xf - -C "$dir$inside"
+  mount_into "$dir"
+  echo "Debian $(cat "$dir/etc/debian_version"), $(
+    run_inside "$dir" 'curl-config --version' 2>/dev/null ||
+      echo "libcurl unknown")"
+  for step in ${DEBIAN13_STEPS:-test package bench}; do
+    started=$SECONDS
+    echo
+    case $step in
+      test)
+        echo "== Debian 13: unit and end-to-end tests"
+        run_inside "$dir" 'bash scripts/test.sh' && status=0 || status=$?
+        ;;
+      package)
+        echo "== Debian 13: Debian package: build, install, check, remove"
+        run_inside "$dir" 'bash scripts/package.sh' && status=0 || status=$?
+        ;;
+      bench)
+        echo "== Debian 13: benchmark harness, at 1% of the data and one round"
+        # shellcheck disable=SC2016 # expanded inside the root
+        run_inside "$dir" 'out=$(mktemp -d) &&
+          BENCH_SCALE=0.01 BENCH_RUNS=1 BENCH_WARMUP=0 \
+          BENCH_OUTPUT="$out/benchmarks.md" bash bench/run.sh &&
+          rm -rf "$out"' && status=0 || status=$?
+        ;;
+      *)
+        echo "debian13.sh: unknown step '$step'" >&2
+        status=2
+        ;;
+    esac
+    echo "== Debian 13 $step: status $status after $((SECONDS - started)) s"
+    [ "$status" -eq 0 ] || failed=1
+  done
+  stop_leftovers "$dir"
+  unmount_all
+  return "$failed"
+}
+
+remove_root() {  # DIR
+  local dir=$1
+  # Never follow a mount that is still there into this machine's files.
+  if findmnt -rn -o TARGET |
+    awk -v root="$(readlink -f "$dir")" '
+      $0 == root || index($0, root "/") == 1 { found = 1 }
+      END { exit !found }'; then
+    echo "debian13.sh: $dir still has mounts; not removed" >&2
+    return 1
+  fi
+  rm -rf --one-file-system "$dir"
+}
+
+# Whatever happens, nothing stays mounted and nothing keeps running in the
+# root; a temporary root is removed.
+root_dir=""
+temporary=""
+cleanup() {
+  [ -z "$root_dir" ] || stop_leftovers "$root_dir"
+  unmount_all
+  [ -z "$temporary" ] || remove_root "$temporary"
+}
+trap cleanup EXIT
+# A time-out (SIGTERM) or an interrupt ends the script through that trap.
+trap 'exit 143' TERM
+trap 'exit 130' INT
+
+case ${1:-} in
+  root)
+    build_root "${2:?debian13.sh root DIR}"
+    ;;
+  check)
+    root_dir=${2:?debian13.sh check DIR}
+    check_root "$root_dir"
+    ;;
+  remove)
+    remove_root "${2:?debian13.sh remove DIR}"
+    ;;
+  shell)
+    root_dir=${2:?debian13.sh shell DIR [COMMAND]}
+    mount_into "$root_dir"
+    if [ $# -gt 2 ]; then
+      run_inside "$root_dir" "${*:3}"
+    else
+      chroot "$root_dir" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin \
+        HOME=/root LANG=C.UTF-8 TERM="${TERM:-dumb}" bash -l
+    fi
+    ;;
+  "")
+    temporary=$(mktemp -d /var/tmp/brindle-debian13.XXXXXX)
+    root_dir=$temporary
+    build_root "$root_dir"
+    check_root "$root_dir"
+    ;;
+  *)
+    echo "usage: bash scripts/debian13.sh [root DIR | check DIR | remove DIR |" \
+      "shell DIR [COMMAND]]" >&2
+    exit 2
+    ;;
+esac
