@@ -218,10 +218,17 @@ class DaemonServer(FtpServer):
     configuration and give the command line."""
 
     daemon = None           # path of the binary
+    # How to get the binary where it is missing.
+    install = "run scripts/ftp-servers.sh"
     port_taken = "in use"   # what its output says when the port is taken
     # A short name the daemon's processes go by, for reaping the helpers
     # it leaves behind; the binary's name unless set.
     comm = None
+    # How the daemon's log (log_text()) shows a command it received: a
+    # pattern whose first group is the command line as sent ("RETR
+    # a.txt").  A daemon that logs commands otherwise overrides
+    # commands().
+    command_pattern = None
 
     def __init__(self, account, options=()):
         FtpServer.__init__(self, account.name, account.password)
@@ -233,7 +240,7 @@ class DaemonServer(FtpServer):
     @classmethod
     def missing(cls):
         if not os.path.exists(str(cls.daemon)):
-            return "%s is missing (run scripts/ftp-servers.sh)" % cls.daemon
+            return "%s is missing (%s)" % (cls.daemon, cls.install)
         return None
 
     def _own(self, path):
@@ -327,6 +334,17 @@ class DaemonServer(FtpServer):
                 return False
             time.sleep(0.01)
         return True
+
+    def commands(self):
+        if self.command_pattern is None:
+            raise NotImplementedError
+        result = []
+        for line in self.log_text().splitlines():
+            m = self.command_pattern.search(line)
+            if m:
+                cmd, _, arg = m.group(1).partition(" ")
+                result.append((cmd.upper(), arg))
+        return result
 
     def version(self):
         raise NotImplementedError

@@ -17,8 +17,6 @@ from .dialect import LsDialect
 FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "in.ftpd"
 PAM_FTP = ftptest.SERVER_CACHE / "etc" / "pam.d" / "ftp"
 
-_COMMAND = re.compile(r"ftpd\[\d+\]: command: (.*)$")
-
 
 class FtpdSslDialect(LsDialect):
     """The system's "ls -lA" (GNU coreutils), NLST in directory order."""
@@ -31,6 +29,8 @@ class FtpdSslServer(InetdServer):
     title = "ftpd-ssl"
     column = "ftpd-ssl"
     daemon = FTPD
+    # -d: every command to syslog.
+    command_pattern = re.compile(r"ftpd\[\d+\]: command: (.*)$")
     dialect = FtpdSslDialect
     expect = ("Only uploads and `--list DIR/.` work: the `total N` line of "
               "every listing stops the rest.")
@@ -85,15 +85,6 @@ class FtpdSslServer(InetdServer):
 
     def daemon_argv(self):
         return [str(FTPD), "-u", "022", "-d", "-l"]
-
-    def commands(self):
-        result = []
-        for line in self.log_text().splitlines():
-            m = _COMMAND.search(line)
-            if m:
-                cmd, _, arg = m.group(1).partition(" ")
-                result.append((cmd.upper(), arg))
-        return result
 
     def version(self):
         return "ftpd-ssl " + unpacked_version("ftpd-ssl")

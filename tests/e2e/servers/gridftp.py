@@ -19,8 +19,6 @@ from .dialect import Dialect, DotEntry, mode_string
 GRIDFTP = shutil.which("globus-gridftp-server") or \
     "/usr/sbin/globus-gridftp-server"
 
-_COMMAND = re.compile(r"\[CLIENT\]: (.*)$")
-
 
 class GridftpDialect(Dialect):
     """GridFTP's LIST: "." and ".." first, then the entries sorted by
@@ -103,7 +101,10 @@ class GridftpServer(DaemonServer):
     title = "Globus GridFTP"
     column = "GridFTP"
     daemon = GRIDFTP
+    install = "apt-get install globus-gridftp-server-progs"
     comm = "globus-gridftp-"
+    # -d ALL: every command the client sent.
+    command_pattern = re.compile(r"\[CLIENT\]: (.*)$")
     chroot = False
     dialect = GridftpDialect
     expect = ("Only uploads and `--list DIR/.` work: the CR CR LF line ends "
@@ -127,13 +128,6 @@ class GridftpServer(DaemonServer):
                     "mode, which libcurl hands on as this line; no setting "
                     "of GridFTP avoids it")
 
-    @classmethod
-    def missing(cls):
-        if not os.path.exists(GRIDFTP):
-            return ("globus-gridftp-server is missing (apt-get install "
-                    "globus-gridftp-server-progs)")
-        return None
-
     def prepare(self):
         self.password_file = self.tmp / "gridftp.passwd"
         self.password_file.write_text("%s:%s:%d:%d::%s:/bin/sh\n" % (
@@ -153,15 +147,6 @@ class GridftpServer(DaemonServer):
         # passive data connection; where that name resolves to nothing
         # (a chroot's /etc/hosts), this name stands in for it.
         return dict(os.environ, GLOBUS_HOSTNAME=HOST)
-
-    def commands(self):
-        result = []
-        for line in self.log_text().splitlines():
-            m = _COMMAND.search(line)
-            if m:
-                cmd, _, arg = m.group(1).partition(" ")
-                result.append((cmd.upper(), arg))
-        return result
 
     def version(self):
         return "globus-gridftp-server " + package_version(

@@ -12,8 +12,6 @@ from .dialect import LsDialect
 
 FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "ftpd"
 
-_COMMAND = re.compile(r"ftpd\[\d+\]: command: (.*)$")
-
 
 class InetutilsDialect(LsDialect):
     """inetutils' own "ls -lA": BSD's columns (two blanks around the
@@ -28,6 +26,8 @@ class InetutilsServer(InetdServer):
     title = "GNU inetutils ftpd"
     column = "inetutils"
     daemon = FTPD
+    # -d: every command to syslog.
+    command_pattern = re.compile(r"ftpd\[\d+\]: command: (.*)$")
     dialect = InetutilsDialect
     expect = ("Only uploads and `--list DIR/.` work: the `total N` line of "
               "every listing stops the rest.")
@@ -48,15 +48,6 @@ class InetutilsServer(InetdServer):
 
     def daemon_argv(self):
         return [str(FTPD), "-a", "default", "-u", "022", "-d", "-l"]
-
-    def commands(self):
-        result = []
-        for line in self.log_text().splitlines():
-            m = _COMMAND.search(line)
-            if m:
-                cmd, _, arg = m.group(1).partition(" ")
-                result.append((cmd.upper(), arg))
-        return result
 
     def version(self):
         version = unpacked_version("inetutils-ftpd")

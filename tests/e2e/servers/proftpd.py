@@ -3,6 +3,7 @@ authenticating the local test account from its own user file: chrooted
 (DefaultRoot ~), and without chroot as Debian ships it."""
 
 import grp
+import re
 import subprocess
 
 import ftptest
@@ -44,6 +45,9 @@ class ProftpdServer(DaemonServer):
     title = "ProFTPD"
     column = "ProFTPD"
     daemon = PROFTPD
+    # One "%r" a line: the request exactly as received, except that PASS
+    # reads "PASS (hidden)".
+    command_pattern = re.compile(r"(.*)")
     dialect = ProftpdDialect
     expect = ("Everything works (keep `-R` and `-h` out of "
               "`ListOptions`).")
@@ -99,15 +103,6 @@ class ProftpdServer(DaemonServer):
 
     def argv(self):
         return [str(PROFTPD), "-n", "-c", str(self.conf_path)]
-
-    def commands(self):
-        # One "%r" a line: the request exactly as received, except that
-        # PASS reads "PASS (hidden)".
-        result = []
-        for line in self.log_text().splitlines():
-            cmd, _, arg = line.partition(" ")
-            result.append((cmd.upper(), arg))
-        return result
 
     def version(self):
         done = subprocess.run([str(PROFTPD), "-v"], stdout=subprocess.PIPE,

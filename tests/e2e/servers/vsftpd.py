@@ -20,23 +20,6 @@ class VsftpdDialect(Dialect):
     zero_padded_day = True
 
 
-_VSFTPD_COMMAND = re.compile(r'FTP command: Client "[^"]*", "(.*)"$')
-
-
-def parse_vsftpd_commands(text):
-    """(command, arg) pairs from a vsftpd log written with
-    log_ftp_protocol=YES.  vsftpd writes PASS as "PASS <password>" and
-    replaces unprintable bytes with "?"."""
-    result = []
-    for line in text.splitlines():
-        m = _VSFTPD_COMMAND.search(line)
-        if not m:
-            continue
-        cmd, _, arg = m.group(1).partition(" ")
-        result.append((cmd.upper(), arg))
-    return result
-
-
 class VsftpdServer(DaemonServer):
     """vsftpd serving a temporary root as a local account, chrooted (or,
     with chroot False, starting there as Debian's default does)."""
@@ -45,18 +28,16 @@ class VsftpdServer(DaemonServer):
     title = "vsftpd"
     column = "vsftpd"
     daemon = VSFTPD
+    install = "apt-get install vsftpd"
     port_taken = "could not bind"
+    # log_ftp_protocol=YES; PASS reads "PASS <password>", and unprintable
+    # bytes "?".
+    command_pattern = re.compile(r'FTP command: Client "[^"]*", "(.*)"$')
     dialect = VsftpdDialect
     expect = "Everything works."
     format_note = ("Numeric owner and group, day with a leading zero "
                    "(`Jan 01  2010`), times in UTC, LIST and NLST sorted by "
                    "name, fifos listed.")
-
-    @classmethod
-    def missing(cls):
-        if not os.path.exists(VSFTPD):
-            return "%s is missing (apt-get install vsftpd)" % VSFTPD
-        return None
 
     @classmethod
     def required_in_ci(cls):
@@ -121,9 +102,6 @@ class VsftpdServer(DaemonServer):
         ftptest.signal_pids(ftptest.pids_with_cmdline(self.argv()),
                             signal.SIGKILL)
         self.proc = None
-
-    def commands(self):
-        return parse_vsftpd_commands(self.log_text())
 
     def version(self):
         return "vsftpd " + package_version("vsftpd")
