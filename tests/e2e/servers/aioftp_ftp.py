@@ -1,31 +1,16 @@
 """aioftp's FTP server (Debian's python3-aioftp), run by a small program of
 ours on 127.0.0.1 with one account chrooted to the temporary root."""
 
-import subprocess
-
-import ftptest
-
-from .base import PythonServer
+from .base import PythonServer, module_version
 from .dialect import Dialect, mode_string
 
+# Runs after base.PROGRAM_PRELUDE, which gives it root, user, password,
+# event() and listening().
 PROGRAM = r'''
 import asyncio
-import json
-import os
 import pathlib
-import sys
-import time
 
 import aioftp
-
-root, port_file, log_path, user, password = sys.argv[1:6]
-log = open(log_path, "a", encoding="utf-8")
-
-
-def event(name, **fields):
-    fields.update(time=time.time(), event=name)
-    log.write(json.dumps(fields) + "\n")
-    log.flush()
 
 
 class LoggingServer(aioftp.Server):
@@ -50,10 +35,7 @@ async def main():
                                                         writable=True)])]
     server = LoggingServer(users)
     await server.start(host="127.0.0.1", port=0)
-    port = server.server.sockets[0].getsockname()[1]
-    with open(port_file + ".tmp", "w") as f:
-        f.write("%d\n" % port)
-    os.replace(port_file + ".tmp", port_file)
+    listening(server.server.sockets[0].getsockname()[1])
     await server.serve_forever()
 
 asyncio.run(main())
@@ -103,8 +85,4 @@ class AioftpServer(PythonServer):
         "user.")
 
     def version(self):
-        out = subprocess.run(
-            [ftptest.SYSTEM_PYTHON, "-c",
-             "import aioftp; print(aioftp.__version__)"],
-            stdout=subprocess.PIPE).stdout.decode().strip()
-        return "aioftp " + out
+        return "aioftp " + module_version("aioftp")

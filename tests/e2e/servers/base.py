@@ -1,9 +1,10 @@
 """What every test server offers (FtpServer), and the frames that the
 server modules build on: real daemons started in the foreground
 (DaemonServer), daemons that log only to syslog (SyslogDaemonServer),
-daemons written for inetd (InetdServer), and servers of Python libraries
-run by a small program (PythonServer).  How a server's LIST answers look
-is modelled in dialect.py.
+daemons written for inetd (InetdServer), and servers of ours in Python
+(PythonServer): Python's FTP libraries run by a small program, and the
+scripted server.  How a server's LIST answers look is modelled in
+dialect.py.
 
 A server module defines one FtpServer subclass (or a few, for settings
 such as "without chroot") and names it in servers/__init__.py.  The class
@@ -55,14 +56,19 @@ class FtpServer(object):
     refuses = frozenset()
     why_unlisted = "the server leaves the fifo out of LIST"
 
-    def __init__(self, user, password):
+    def __init__(self, user, password, options=()):
         self.host = HOST
         self.port = None
         self.user = user
         self.password = password
+        # Extra configuration, as each server takes it (ProFTPD's lines,
+        # Pure-FTPd's switches, a program's arguments).
+        self.options = list(options)
         self.passive = True
         self.tmp = None
         self.root = None
+        # The server's process, once started.
+        self.proc = None
 
     @classmethod
     def missing(cls):
@@ -193,6 +199,19 @@ class FtpServer(object):
         except FileNotFoundError:
             return ""
 
+    def output_text(self):
+        """What the server's process wrote to its standard output and
+        error (a start that fails shows it)."""
+        try:
+            return self.output_path.read_text(errors="replace")
+        except (OSError, AttributeError):
+            return ""
+
+    def _stop_processes(self):
+        if self.proc is not None:
+            ftptest.stop_process(self.proc)
+            self.proc = None
+
     def commands(self):
         """(COMMAND, argument) of every command received so far."""
         raise NotImplementedError
@@ -231,11 +250,8 @@ class DaemonServer(FtpServer):
     command_pattern = None
 
     def __init__(self, account, options=()):
-        FtpServer.__init__(self, account.name, account.password)
+        FtpServer.__init__(self, account.name, account.password, options)
         self.account = account
-        # Extra configuration: lines for ProFTPD, switches for Pure-FTPd.
-        self.options = list(options)
-        self.proc = None
 
     @classmethod
     def missing(cls):
@@ -302,17 +318,6 @@ class DaemonServer(FtpServer):
                 raise RuntimeError("%s did not start:\n%s" % (self.kind,
                                                              output))
         return self
-
-    def output_text(self):
-        try:
-            return self.output_path.read_text(errors="replace")
-        except (OSError, AttributeError):
-            return ""
-
-    def _stop_processes(self):
-        if self.proc is not None:
-            ftptest.stop_process(self.proc)
-            self.proc = None
 
     def stop(self):
         self._stop_processes()
@@ -397,27 +402,69 @@ class SyslogDaemonServer(DaemonServer):
         return self.syslog.text() if self.syslog is not None else ""
 
 
+# What every PythonServer's PROGRAM runs after: its arguments, the event
+# log (event()) and the port file (listening(), once it listens).
+PROGRAM_PRELUDE = r'''
+import json
+import os
+import sys
+import time
+
+root, port_file, log_path, user, password = sys.argv[1:6]
+log = open(log_path, "a", encoding="utf-8")
+
+
+def event(name, **fields):
+    fields.update(time=time.time(), event=name)
+    log.write(json.dumps(fields) + "\n")
+    log.flush()
+
+
+def listening(port):
+    with open(port_file + ".tmp", "w") as f:
+        f.write("%d\n" % port)
+    os.replace(port_file + ".tmp", port_file)
+'''
+
+
+def module_version(module, attribute="__version__"):
+    """The version of a Python module, as Debian's interpreter has it."""
+    done = subprocess.run(
+        [ftptest.SYSTEM_PYTHON, "-c",
+         "import %s; print(%s.%s)" % (module, module, attribute)],
+        stdout=subprocess.PIPE)
+    return done.stdout.decode().strip()
+
+
 class PythonServer(FtpServer):
-    """An FTP server library of Python's (a Debian package) run by a small
-    program of the server module's (PROGRAM, written to the temporary
-    folder) under Debian's interpreter, as root.  The program is called
-    with ROOT PORT_FILE LOG USER PASSWORD; it listens on 127.0.0.1 on a
-    port of the system's choice, writes that port to PORT_FILE once it
-    listens, and logs one JSON object a line to LOG: {"event": "connect"},
-    {"event": "command", "command": "LIST", "arg": "x"} (before the
-    command runs) and {"event": "disconnect"}."""
+    """An FTP server of ours in Python, run under Debian's interpreter as
+    this process's user: by default an FTP server library of Python's (a
+    Debian package) driven by a small program of the server module's
+    (PROGRAM, written to the temporary folder after PROGRAM_PRELUDE).
+    The program is called with ROOT PORT_FILE LOG USER PASSWORD; it
+    listens on 127.0.0.1 on a port of the system's choice, writes that
+    port to PORT_FILE once it listens, and logs one JSON object a line to
+    LOG: {"event": "connect"}, {"event": "command", "command": "LIST",
+    "arg": "x"} (before the command runs) and {"event": "disconnect"}.
+    A server with a program file of its own gives its command line in
+    program_argv()."""
 
     needs_root = False
     needs_account = False
     # The program's text, and the Python modules it needs.
     PROGRAM = None
     modules = ()
+    # How long the program may take to listen, and whether it runs in a
+    # session of its own, as the daemons do, rather than in the test
+    # run's.
+    start_timeout = 20.0
+    own_session = True
 
-    def __init__(self, account=None, options=()):
-        FtpServer.__init__(self, "tester",
-                           "pw-" + secrets.token_hex(6))
-        self.options = list(options)
-        self.proc = None
+    def __init__(self, account=None, options=(), user="tester",
+                 password=None):
+        if password is None:
+            password = "pw-" + secrets.token_hex(6)
+        FtpServer.__init__(self, user, password, options)
 
     @classmethod
     def missing(cls):
@@ -436,22 +483,29 @@ class PythonServer(FtpServer):
         # The program runs as this process's user and stores as it.
         return os.geteuid()
 
-    def start(self, timeout=20.0):
+    def program_argv(self):
+        """The program's command line, once the temporary folder is
+        there."""
+        program = self.tmp / "server.py"
+        program.write_text(PROGRAM_PRELUDE + self.PROGRAM)
+        return [ftptest.SYSTEM_PYTHON, str(program), str(self.root),
+                str(self.port_file), str(self.log_path), self.user,
+                self.password] + self.options
+
+    def start(self, timeout=None):
+        if timeout is None:
+            timeout = self.start_timeout
         self.tmp = make_temp_dir(self.kind)
         self.root = self.tmp / "root"
         self.root.mkdir()
         self.port_file = self.tmp / "port"
         self.log_path = self.tmp / "events.jsonl"
         self.output_path = self.tmp / "server.out"
-        program = self.tmp / "server.py"
-        program.write_text(self.PROGRAM)
-        argv = [ftptest.SYSTEM_PYTHON, str(program), str(self.root),
-                str(self.port_file), str(self.log_path), self.user,
-                self.password] + self.options
+        argv = self.program_argv()
         with open(str(self.output_path), "wb") as out:
             self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL,
                                          stdout=out, stderr=out,
-                                         start_new_session=True,
+                                         start_new_session=self.own_session,
                                          cwd=str(self.tmp))
         deadline = time.monotonic() + timeout
         while not self.port_file.exists():
@@ -464,20 +518,13 @@ class PythonServer(FtpServer):
         self.port = int(self.port_file.read_text())
         return self
 
-    def output_text(self):
-        try:
-            return self.output_path.read_text(errors="replace")
-        except (OSError, AttributeError):
-            return ""
-
     def stop(self):
-        if self.proc is not None:
-            ftptest.stop_process(self.proc)
-            self.proc = None
+        self._stop_processes()
         remove_tree(self.tmp)
         self.tmp = None
 
     def log(self):
+        """The server's event log as a list of dicts (complete lines)."""
         text = self.log_text()
         return [json.loads(line) for line in text.split("\n")[:-1] if line]
 

@@ -7,14 +7,12 @@ import grp
 import json
 import os
 import pwd
-import subprocess
 import time
 from pathlib import Path
 
-import ftptest
-from ftptest import SYSTEM_PYTHON, make_temp_dir, remove_tree
+from ftptest import SYSTEM_PYTHON
 
-from .base import FtpServer
+from .base import PythonServer, module_version
 from .dialect import Dialect, directory_order
 
 SCRIPTED_FTPD = Path(__file__).resolve().parent / "scripted_ftpd.py"
@@ -38,14 +36,12 @@ class ScriptedDialect(Dialect):
             return str(st.st_gid)
 
 
-class ScriptedServer(FtpServer):
+class ScriptedServer(PythonServer):
     """scripted_ftpd.py (pyftpdlib) serving a temporary root."""
 
     kind = "scripted"
     title = "pyftpdlib (scripted)"
     column = "pyftpdlib"
-    needs_root = False
-    needs_account = False
     dialect = ScriptedDialect
     expect = "Everything works."
     format_note = ("Owner and group by name, day of month with a leading "
@@ -53,62 +49,29 @@ class ScriptedServer(FtpServer):
                    "sorted by name, fifos listed.")
     # scripted_ftpd.py's --list-style.
     list_style = "unix"
+    # It starts quickly, and an interrupted test run takes it along.
+    start_timeout = 10.0
+    own_session = False
 
     def __init__(self, user="tester", password="secret", options=()):
-        FtpServer.__init__(self, user, password)
-        self.options = list(options)
-        self.proc = None
+        PythonServer.__init__(self, options=options, user=user,
+                              password=password)
         self._last_mtime_ns = 0
         self._generation = 0
 
-    @property
-    def writes_as(self):
-        return os.geteuid()
-
     def version(self):
-        out = subprocess.run(
-            [SYSTEM_PYTHON, "-c", "import pyftpdlib; print(pyftpdlib.__ver__)"],
-            stdout=subprocess.PIPE).stdout.decode().strip()
-        return "pyftpdlib " + out
+        return "pyftpdlib " + module_version("pyftpdlib", "__ver__")
 
-    def start(self, timeout=10.0):
-        self.tmp = make_temp_dir(self.kind)
-        self.root = self.tmp / "root"
-        self.root.mkdir()
-        self.port_file = self.tmp / "port"
-        self.log_path = self.tmp / "events.jsonl"
-        self.script_path = self.tmp / "script.json"
-        self.stderr_path = self.tmp / "server.stderr"
-        argv = [SYSTEM_PYTHON, str(SCRIPTED_FTPD),
+    @property
+    def script_path(self):
+        return self.tmp / "script.json"
+
+    def program_argv(self):
+        return [SYSTEM_PYTHON, str(SCRIPTED_FTPD),
                 "--root", str(self.root), "--port-file", str(self.port_file),
                 "--log", str(self.log_path), "--script", str(self.script_path),
                 "--user", self.user, "--password", self.password,
                 "--list-style", self.list_style] + self.options
-        with open(str(self.stderr_path), "wb") as err:
-            self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL,
-                                         stdout=err, stderr=err)
-        deadline = time.monotonic() + timeout
-        while not self.port_file.exists():
-            if self.proc.poll() is not None or time.monotonic() > deadline:
-                output = self.stderr_text()
-                self.stop()
-                raise RuntimeError("scripted_ftpd did not start:\n" + output)
-            time.sleep(0.02)
-        self.port = int(self.port_file.read_text())
-        return self
-
-    def stop(self):
-        if self.proc is not None:
-            ftptest.stop_process(self.proc)
-            self.proc = None
-        remove_tree(self.tmp)
-        self.tmp = None
-
-    def stderr_text(self):
-        try:
-            return self.stderr_path.read_text(errors="replace")
-        except (OSError, AttributeError):
-            return ""
 
     def script(self, data):
         """Replace the server's script (a dict, or None for none).  The
@@ -130,26 +93,6 @@ class ScriptedServer(FtpServer):
         self._last_mtime_ns = mtime_ns
         os.utime(str(tmp), ns=(mtime_ns, mtime_ns))
         os.replace(str(tmp), str(self.script_path))
-
-    def log(self):
-        """The server's event log as a list of dicts (complete lines)."""
-        text = self.log_text()
-        return [json.loads(line) for line in text.split("\n")[:-1] if line]
-
-    def commands(self):
-        return [(e["command"], e["arg"]) for e in self.log()
-                if e["event"] == "command"]
-
-    def wait_idle(self, timeout=5.0):
-        """Wait until every connection the server saw has ended."""
-        deadline = time.monotonic() + timeout
-        while True:
-            events = [e["event"] for e in self.log()]
-            if events.count("connect") == events.count("disconnect"):
-                return True
-            if time.monotonic() > deadline:
-                return False
-            time.sleep(0.02)
 
 
 class DosDialect(Dialect):

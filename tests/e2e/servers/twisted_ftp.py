@@ -7,33 +7,18 @@ same FTPFactory over a portal with an in-memory account, listening on
 import grp
 import pwd
 import stat
-import subprocess
 import time
 
-import ftptest
-
-from .base import PythonServer
+from .base import PythonServer, module_version
 from .dialect import MONTHS, Dialect, mode_string
 
+# Runs after base.PROGRAM_PRELUDE, which gives it root, user, password,
+# event() and listening().
 PROGRAM = r'''
-import json
-import os
-import sys
-import time
-
 from twisted.cred import checkers, portal
 from twisted.internet import reactor
 from twisted.protocols import ftp
 from twisted.python import filepath
-
-root, port_file, log_path, user, password = sys.argv[1:6]
-log = open(log_path, "a", encoding="utf-8")
-
-
-def event(name, **fields):
-    fields.update(time=time.time(), event=name)
-    log.write(json.dumps(fields) + "\n")
-    log.flush()
 
 
 class Realm(ftp.BaseFTPRealm):
@@ -66,10 +51,8 @@ checker = checkers.InMemoryUsernamePasswordDatabaseDontUse()
 checker.addUser(user, password)
 factory = ftp.FTPFactory(portal.Portal(Realm(root), [checker]))
 factory.protocol = LoggingFTP
-listening = reactor.listenTCP(0, factory, interface="127.0.0.1")
-with open(port_file + ".tmp", "w") as f:
-    f.write("%d\n" % listening.getHost().port)
-os.replace(port_file + ".tmp", port_file)
+listener = reactor.listenTCP(0, factory, interface="127.0.0.1")
+listening(listener.getHost().port)
 reactor.run()
 '''
 
@@ -153,9 +136,5 @@ class TwistedServer(PythonServer):
         "(`sa_addr inet_ntop() failed ...`), libcurl 8 with its own.")
 
     def version(self):
-        out = subprocess.run(
-            [ftptest.SYSTEM_PYTHON, "-c",
-             "import twisted; print(twisted.__version__)"],
-            stdout=subprocess.PIPE).stdout.decode().strip()
-        return "Twisted " + out
+        return "Twisted " + module_version("twisted")
 
