@@ -37,6 +37,15 @@ def directory_order(directory, dots=False):
     return names if dots else [n for n in names if n not in (".", "..")]
 
 
+def name_of(lookup, number):
+    """The name of a user or group number by lookup (pwd.getpwuid or
+    grp.getgrgid), or the number where there is no such entry."""
+    try:
+        return lookup(number)[0]
+    except KeyError:
+        return str(number)
+
+
 class DotEntry(object):
     """The "." or ".." entry of a listing: its name, and the served
     directory it stands for (what str() and the status functions see)."""
@@ -59,6 +68,9 @@ class Dialect(object):
 
     # LIST line: link count, owner, group and size widths.
     widths = None
+    # Owner and group by name, from the system's password and group files
+    # (by number where they have none), rather than by number.
+    names = False
     zero_padded_day = False
     gmt = True
     sorted_list = True
@@ -77,9 +89,13 @@ class Dialect(object):
         self.server = server
 
     def owner(self, st):
+        if self.names:
+            return name_of(pwd.getpwuid, st.st_uid)
         return str(st.st_uid)
 
     def group(self, st):
+        if self.names:
+            return name_of(grp.getgrgid, st.st_gid)
         return str(st.st_gid)
 
     def date(self, mtime):
@@ -186,22 +202,11 @@ class LsDialect(Dialect):
     name, each column as wide as its widest value, owner and group by
     name, local time."""
 
+    names = True
     gmt = False
     # What stands between the columns: after the mode, after the link
     # count, after the owner, after the group.
     gaps = (" ", " ", " ", " ")
-
-    def owner(self, st):
-        try:
-            return pwd.getpwuid(st.st_uid).pw_name
-        except KeyError:
-            return str(st.st_uid)
-
-    def group(self, st):
-        try:
-            return grp.getgrgid(st.st_gid).gr_name
-        except KeyError:
-            return str(st.st_gid)
 
     def summary(self, directory):
         blocks = sum(os.lstat(str(p)).st_blocks

@@ -3,9 +3,7 @@ clear-text logins from a password file of its own that names the local
 test account (old DES hashes only), the session starting in the temporary
 root (-home-dir), without chroot."""
 
-import grp
 import os
-import pwd
 import re
 import shutil
 import time
@@ -28,21 +26,10 @@ class GridftpDialect(Dialect):
     (libcurl's for listings) every line ends in CR CR LF: the server adds
     a CR to lines that already end in CR LF."""
 
+    names = True
     follows_links = True
     list_dots = True
     eol = "\r\r\n"
-
-    def owner(self, st):
-        try:
-            return pwd.getpwuid(st.st_uid).pw_name
-        except KeyError:
-            return str(st.st_uid)
-
-    def group(self, st):
-        try:
-            return grp.getgrgid(st.st_gid).gr_name
-        except KeyError:
-            return str(st.st_gid)
 
     def date(self, mtime):
         return time.strftime("%b %e %H:%M", time.localtime(mtime))

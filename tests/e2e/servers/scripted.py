@@ -3,10 +3,8 @@ over a temporary root whose answers a test can script or break, logging
 every command as JSON.  Also its IIS mode, which lists in the DOS style.
 """
 
-import grp
 import json
 import os
-import pwd
 import time
 from pathlib import Path
 
@@ -21,19 +19,8 @@ SCRIPTED_FTPD = Path(__file__).resolve().parent / "scripted_ftpd.py"
 class ScriptedDialect(Dialect):
     # pyftpdlib: names from the password and group files, "Jan 01".
     widths = (3, 8, 8, 8)
+    names = True
     zero_padded_day = True
-
-    def owner(self, st):
-        try:
-            return pwd.getpwuid(st.st_uid).pw_name
-        except KeyError:
-            return str(st.st_uid)
-
-    def group(self, st):
-        try:
-            return grp.getgrgid(st.st_gid).gr_name
-        except KeyError:
-            return str(st.st_gid)
 
 
 class ScriptedServer(PythonServer):

@@ -4,8 +4,6 @@ file checkers never log anyone in on Python 3, so the program builds the
 same FTPFactory over a portal with an in-memory account, listening on
 127.0.0.1 only, data connections included."""
 
-import grp
-import pwd
 import stat
 import time
 
@@ -64,20 +62,9 @@ class TwistedDialect(Dialect):
     a link as what it points to, with the target's size, and whatever is
     not a directory (a fifo too) as a plain file "-"."""
 
+    names = True
     follows_links = True
     sorted_list = False
-
-    def owner(self, st):
-        try:
-            return pwd.getpwuid(st.st_uid).pw_name
-        except KeyError:
-            return str(st.st_uid)
-
-    def group(self, st):
-        try:
-            return grp.getgrgid(st.st_gid).gr_name
-        except KeyError:
-            return str(st.st_gid)
 
     def date(self, mtime):
         t = time.gmtime(mtime)
