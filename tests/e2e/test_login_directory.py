@@ -127,89 +127,49 @@ def test_server_names_its_own_absolute_path(server):
         assert ftp.pwd() == str(server.root) == server.login_dir
 
 
-def test_remove_absolute_file(brindle, server, site):
+# What --remove deletes below the site: the path, brindle's options, and
+# the commands that delete it, by their paths below that path: in the
+# servers' LIST order (by name), children before their directory.
+REMOVALS = {
+    "file": ("old/a.txt", [], [("DELE", "")]),
+    "tree": ("old", ["--recursive"], [
+        ("DELE", "/a.txt"),
+        ("RMD", "/empty"),
+        ("DELE", "/img/deeper/z.txt"),
+        ("RMD", "/img/deeper"),
+        ("DELE", "/img/x.png"),
+        ("RMD", "/img"),
+        ("RMD", "")]),
+    "path-with-spaces": ("my dir", ["--recursive"], [
+        ("DELE", "/a file.txt"),
+        ("DELE", "/sub dir/x y.txt"),
+        ("RMD", "/sub dir"),
+        ("RMD", "")]),
+}
+
+
+@pytest.mark.parametrize("absolute", [True, False],
+                         ids=["absolute", "relative"])
+@pytest.mark.parametrize("removal", list(REMOVALS))
+def test_remove(brindle, server, site, removal, absolute):
+    path, options, deletions = REMOVALS[removal]
     before = site.inside()
     log = Commands(server)
+    remote = site.remote(path) if absolute else site.top + "/" + path
 
-    result = run(brindle, server, "--remove", "--remote-path",
-                 site.remote("old/a.txt"))
-
-    assert_ok(result)
-    assert named(log.since(), "NOOP", "DELE", "RMD") == [
-        ("NOOP", ""),
-        ("DELE", server.login_dir + site.remote("old/a.txt"))]
-    # One login for the lookup and the deletion.
-    assert len(named(log.since(), "USER")) == 1
-    assert site.inside() == without(before, "old/a.txt")
-    site.assert_decoy_untouched()
-
-
-def test_remove_absolute_tree(brindle, server, site):
-    before = site.inside()
-    log = Commands(server)
-
-    result = run(brindle, server, "--remove", "--remote-path",
-                 site.remote("old"), "--recursive")
+    result = run(brindle, server, "--remove", "--remote-path", remote,
+                 *options)
 
     assert_ok(result)
-    # Every path names the entry below the login directory, in the
-    # servers' LIST order (by name), children before their directory.
-    prefix = server.login_dir + site.remote("old")
-    assert named(log.since(), "NOOP", "DELE", "RMD") == [
-        ("NOOP", ""),
-        ("DELE", prefix + "/a.txt"),
-        ("RMD", prefix + "/empty"),
-        ("DELE", prefix + "/img/deeper/z.txt"),
-        ("RMD", prefix + "/img/deeper"),
-        ("DELE", prefix + "/img/x.png"),
-        ("RMD", prefix + "/img"),
-        ("RMD", prefix)]
-    assert len(named(log.since(), "USER")) == 1
-    assert site.inside() == without(before, "old")
-    site.assert_decoy_untouched()
-
-
-def test_remove_relative_tree(brindle, server, site):
-    before = site.inside()
-    log = Commands(server)
-
-    result = run(brindle, server, "--remove", "--remote-path",
-                 site.top + "/old", "--recursive")
-
-    assert_ok(result)
-    # Relative commands, which the server resolves against the login
-    # directory (on a login of their own).
-    prefix = site.top + "/old"
-    assert named(log.since(), "NOOP", "DELE", "RMD") == [
-        ("NOOP", ""),
-        ("DELE", prefix + "/a.txt"),
-        ("RMD", prefix + "/empty"),
-        ("DELE", prefix + "/img/deeper/z.txt"),
-        ("RMD", prefix + "/img/deeper"),
-        ("DELE", prefix + "/img/x.png"),
-        ("RMD", prefix + "/img"),
-        ("RMD", prefix)]
-    assert site.inside() == without(before, "old")
-    site.assert_decoy_untouched()
-
-
-def test_remove_path_with_spaces(brindle, server, site):
-    before = site.inside()
-    log = Commands(server)
-
-    result = run(brindle, server, "--remove", "--remote-path",
-                 site.remote("my dir"), "--recursive")
-
-    assert_ok(result)
-    prefix = server.login_dir + site.remote("my dir")
-    assert named(log.since(), "NOOP", "DELE", "RMD") == [
-        ("NOOP", ""),
-        ("DELE", prefix + "/a file.txt"),
-        ("DELE", prefix + "/sub dir/x y.txt"),
-        ("RMD", prefix + "/sub dir"),
-        ("RMD", prefix),
-    ]
-    assert site.inside() == without(before, "my dir")
+    # An absolute path names the entries below the login directory by the
+    # server's own path, and the deletions follow the lookup on its login.
+    # A relative path goes as it is, on a login of its own, which the
+    # server starts in the login directory.
+    prefix = server.login_dir + remote if absolute else remote
+    assert named(log.since(), "NOOP", "DELE", "RMD") == [("NOOP", "")] + [
+        (command, prefix + below) for command, below in deletions]
+    assert len(named(log.since(), "USER")) == (1 if absolute else 2)
+    assert site.inside() == without(before, path)
     site.assert_decoy_untouched()
 
 
