@@ -489,12 +489,22 @@ def make_decoy(server):
     return snapshot(server.path("site"))
 
 
+def below_login_directory(server, case):
+    """Scripts the server's login directory as a case of
+    LOGIN_DIRECTORIES says and puts the site below it, and the decoy at
+    the server's own /site where that is another place; returns the
+    case's files' folder, command path prefix and whether the deletions
+    need a login of their own, and the decoy's snapshot (or None)."""
+    script, folder, prefix, afresh = LOGIN_DIRECTORIES[case]
+    server.script(script)
+    make_site(server, folder)
+    decoy = make_decoy(server) if folder else None
+    return folder, prefix, afresh, decoy
+
+
 @pytest.mark.parametrize("case", sorted(LOGIN_DIRECTORIES))
 def test_remove_file_below_the_login_directory(brindle, scripted, case):
-    script, folder, prefix, afresh = LOGIN_DIRECTORIES[case]
-    scripted.script(script)
-    make_site(scripted, folder)
-    decoy = make_decoy(scripted) if folder else None
+    folder, prefix, afresh, decoy = below_login_directory(scripted, case)
 
     result = remove(brindle, scripted, "/site/old/a.txt")
 
@@ -517,10 +527,7 @@ def test_remove_file_below_the_login_directory(brindle, scripted, case):
 
 @pytest.mark.parametrize("case", sorted(LOGIN_DIRECTORIES))
 def test_remove_tree_below_the_login_directory(brindle, scripted, case):
-    script, folder, prefix, afresh = LOGIN_DIRECTORIES[case]
-    scripted.script(script)
-    make_site(scripted, folder)
-    decoy = make_decoy(scripted) if folder else None
+    folder, prefix, afresh, decoy = below_login_directory(scripted, case)
 
     result = remove(brindle, scripted, "/site/old", "--recursive")
 
