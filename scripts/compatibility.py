@@ -163,6 +163,32 @@ def outcome_counts(cases, server, mode):
     return len(good) - len(expected), len(expected), len(mine) - len(good)
 
 
+def mode_row(cases, server, cell):
+    """A table row of one server: its title, then for each mode
+    cell(passed, expected failures, other) of outcome_counts()."""
+    return [server_prop(cases, server, "title", server)] + [
+        cell(*outcome_counts(cases, server, mode)) for mode in MODES]
+
+
+def works_cell(good, expected, bad):
+    """What works in a mode, for the table of what to expect."""
+    if good + expected + bad == 0:
+        return "not run"
+    if bad:
+        return "**%d test failures or skips**" % bad
+    return "%d of %d work" % (good, good + expected)
+
+
+def passes_cell(good, expected, bad):
+    """How a mode's tests ended, for the summary."""
+    text = "%d of %d pass" % (good, good + expected + bad)
+    if expected:
+        text += ", %d fail as expected" % expected
+    if bad:
+        text += ", **%d test failures or skips**" % bad
+    return text
+
+
 def is_scenario(case):
     """Whether a test is a cell of the matrix (not a check of the
     server's own behaviour, nor a variant)."""
@@ -240,16 +266,8 @@ def render(suite, cases):
     w("| Server | Passive | Active | What to expect |")
     w("|---|---|---|---|")
     for server in SERVERS:
-        row = [server_prop(cases, server, "title", server)]
-        for mode in MODES:
-            good, expected, bad = outcome_counts(cases, server, mode)
-            if good + expected + bad == 0:
-                row.append("not run")
-            elif bad:
-                row.append("**%d test failures or skips**" % bad)
-            else:
-                row.append("%d of %d work" % (good, good + expected))
-        row.append(server_prop(cases, server, "expect", ""))
+        row = mode_row(cases, server, works_cell) + [
+            server_prop(cases, server, "expect", "")]
         w("| " + " | ".join(row) + " |")
     w("")
     w("Every cell of the matrix below is one test of "
@@ -282,16 +300,7 @@ def render(suite, cases):
     w("| Server | Passive | Active |")
     w("|---|---|---|")
     for server in SERVERS:
-        row = [server_prop(cases, server, "title", server)]
-        for mode in MODES:
-            good, expected, bad = outcome_counts(cases, server, mode)
-            text = "%d of %d pass" % (good, good + expected + bad)
-            if expected:
-                text += ", %d fail as expected" % expected
-            if bad:
-                text += ", **%d test failures or skips**" % bad
-            row.append(text)
-        w("| " + " | ".join(row) + " |")
+        w("| " + " | ".join(mode_row(cases, server, passes_cell)) + " |")
     w("")
     w("## Matrix")
     w("")
