@@ -38,7 +38,6 @@ import ftplib
 import os
 import posixpath
 import re
-import subprocess
 import time
 import urllib.parse
 
