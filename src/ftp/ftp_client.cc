@@ -1,20 +1,23 @@
 #include "ftp/ftp_client.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "ftp/request_url.h"
-#include "ftp/retry.h"
 #include "util/torvane_util_exception.h"
 
-FtpClient::FtpClient(FtpSettings settings) : settings_(std::move(settings)) {
+FtpClient::FtpClient(FtpSettings settings)
+    : FtpClient(std::move(settings), sleep_seconds) {}
+
+FtpClient::FtpClient(FtpSettings settings, RetrySleep sleep)
+    : settings_(std::move(settings)), sleep_(std::move(sleep)) {
   reset_handle();
 }
 
 FtpClient::FtpClient(FtpClient&& other) noexcept
-    : settings_(std::move(other.settings_)), handle_(std::move(other.handle_)) {
+    : settings_(std::move(other.settings_)),
+      sleep_(std::move(other.sleep_)),
+      handle_(std::move(other.handle_)) {
   std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
             std::begin(error_buffer_));
   if (handle_)
@@ -24,6 +27,7 @@ FtpClient::FtpClient(FtpClient&& other) noexcept
 FtpClient& FtpClient::operator=(FtpClient&& other) noexcept {
   if (this != &other) {
     settings_ = std::move(other.settings_);
+    sleep_ = std::move(other.sleep_);
     handle_ = std::move(other.handle_);
     std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
               std::begin(error_buffer_));
@@ -62,28 +66,18 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
   set_option(CURLOPT_URL, url.c_str());
 
   error_buffer_[0] = '\0';
-  const CURLcode result = retry_transfer(curl_easy_perform(handle_.get()));
+  const CURLcode result = run_with_retries(
+      settings_, [this] { return curl_easy_perform(handle_.get()); },
+      [this] {
+        long response_code = 0;
+        curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE,
+                          &response_code);
+        return response_code;
+      },
+      sleep_);
   reset_handle();
   if (result != CURLE_OK) {
     throw torvane::TorvaneUtilException("Unable to perform request for '" +
                                         url + "': " + error_buffer_);
   }
-}
-
-// Repeats a failed transfer while retries remain and the failure is
-// transient; returns the result of the last attempt.
-CURLcode FtpClient::retry_transfer(CURLcode result) {
-  for (std::uint64_t retries_made = 0; result != CURLE_OK; ++retries_made) {
-    if (retries_made >= settings_.retries) break;
-    if (!is_transient_code(result)) {
-      long response_code = 0;
-      curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &response_code);
-      if (!is_transient_reply(response_code)) break;
-    }
-    const std::uint64_t wait = retry_wait(settings_.retry_delay_step,
-                                          settings_.retry_delay, retries_made);
-    if (wait != 0) sleep(static_cast<unsigned>(wait));
-    result = curl_easy_perform(handle_.get());
-  }
-  return result;
 }

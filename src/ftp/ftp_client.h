@@ -17,10 +17,13 @@
 #include <string>
 
 #include "ftp/ftp_settings.h"
+#include "ftp/retry.h"
 
 class FtpClient {
  public:
   explicit FtpClient(FtpSettings settings);
+  // For tests: `sleep` stands in for the platform's sleep() between retries.
+  FtpClient(FtpSettings settings, RetrySleep sleep);
   // Moving hands the transfer handle over and points it at the new owner's
   // error buffer; the moved-from client keeps no handle.
   FtpClient(FtpClient&& other) noexcept;
@@ -53,9 +56,9 @@ class FtpClient {
   };
 
   static void check_setup(CURLcode code);
-  CURLcode retry_transfer(CURLcode result);
 
   FtpSettings settings_;
+  RetrySleep sleep_;
   std::unique_ptr<CURL, HandleDeleter> handle_;
   char error_buffer_[CURL_ERROR_SIZE] = {};
 };

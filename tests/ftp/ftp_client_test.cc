@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,6 +17,8 @@
 
 namespace {
 
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
@@ -116,14 +120,50 @@ TEST(FtpClient, StaysUsableAfterAFailedRequest) {
                          std::to_string(refusing.port()) + "/b': Failed"));
 }
 
+// Counts the sockets that the library opens, one for each connection attempt
+// to a loopback address.
+curl_socket_t count_socket(void* opened, curlsocktype /*purpose*/,
+                           curl_sockaddr* address) {
+  ++*static_cast<int*>(opened);
+  return socket(address->family, address->socktype, address->protocol);
+}
+
+// The attempts and the waits of one failing request through an FtpClient.
+struct RetryRecord {
+  int attempts = 0;
+  std::vector<unsigned int> sleeps;
+};
+
+RetryRecord record_retries(FtpSettings settings) {
+  RetryRecord record;
+  FtpClient client(std::move(settings), [&record](unsigned int seconds) {
+    record.sleeps.push_back(seconds);
+  });
+  client.set_option(CURLOPT_OPENSOCKETFUNCTION, &count_socket);
+  client.set_option(CURLOPT_OPENSOCKETDATA,
+                    static_cast<void*>(&record.attempts));
+  EXPECT_THAT(failure_of(client, "/x"),
+              StartsWith("Unable to perform request for 'ftp://127.0.0.1:"));
+  return record;
+}
+
 TEST(FtpClient, RetriesWithoutWaitingWhenTheDelayIsZero) {
   RefusingPort refusing;
   FtpSettings settings = settings_for(refusing.port());
   settings.retries = 3;
   settings.retry_delay_step = 0;
-  FtpClient client(settings);
-  EXPECT_THAT(failure_of(client, "/x"),
-              StartsWith("Unable to perform request for 'ftp://127.0.0.1:"));
+  const RetryRecord record = record_retries(settings);
+  EXPECT_EQ(record.attempts, 4);
+  EXPECT_THAT(record.sleeps, IsEmpty());
+}
+
+TEST(FtpClient, WaitsLongerBeforeEachRetryByDefault) {
+  RefusingPort refusing;
+  FtpSettings settings = settings_for(refusing.port());
+  settings.retries = 3;
+  const RetryRecord record = record_retries(settings);
+  EXPECT_EQ(record.attempts, 4);
+  EXPECT_THAT(record.sleeps, ElementsAre(1u, 2u));
 }
 
 TEST(FtpClient, AMovedClientReportsIntoItsOwnErrorBuffer) {
