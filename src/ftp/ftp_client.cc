@@ -10,13 +10,16 @@ FtpClient::FtpClient(FtpSettings settings)
     : FtpClient(std::move(settings), sleep_seconds) {}
 
 FtpClient::FtpClient(FtpSettings settings, RetrySleep sleep)
-    : settings_(std::move(settings)), sleep_(std::move(sleep)) {
+    : settings_(std::move(settings)),
+      sleep_(std::move(sleep)),
+      runner_(wait_path_of_this_process()) {
   reset_handle();
 }
 
 FtpClient::FtpClient(FtpClient&& other) noexcept
     : settings_(std::move(other.settings_)),
       sleep_(std::move(other.sleep_)),
+      runner_(std::move(other.runner_)),
       handle_(std::move(other.handle_)) {
   std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
             std::begin(error_buffer_));
@@ -28,7 +31,9 @@ FtpClient& FtpClient::operator=(FtpClient&& other) noexcept {
   if (this != &other) {
     settings_ = std::move(other.settings_);
     sleep_ = std::move(other.sleep_);
+    // The old transfer handle goes before the old multi handle.
     handle_ = std::move(other.handle_);
+    runner_ = std::move(other.runner_);
     std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
               std::begin(error_buffer_));
     if (handle_)
@@ -67,7 +72,7 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
 
   error_buffer_[0] = '\0';
   const CURLcode result = run_with_retries(
-      settings_, [this] { return curl_easy_perform(handle_.get()); },
+      settings_, [this] { return runner_.run(handle_.get(), error_buffer_); },
       [this] {
         long response_code = 0;
         curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE,

@@ -6,6 +6,8 @@
 // its base state (error buffer, credentials, active or passive mode), so
 // options never carry over from one request to the next, while the library's
 // open connections do. Every failure throws torvane::TorvaneUtilException.
+// How each transfer is waited for depends on the libcurl release that runs
+// (see transfer_runner.h); what the server sees does not.
 
 #ifndef BRINDLE_FTP_FTP_CLIENT_H_
 #define BRINDLE_FTP_FTP_CLIENT_H_
@@ -18,14 +20,16 @@
 
 #include "ftp/ftp_settings.h"
 #include "ftp/retry.h"
+#include "ftp/transfer_runner.h"
 
 class FtpClient {
  public:
   explicit FtpClient(FtpSettings settings);
   // For tests: `sleep` stands in for the platform's sleep() between retries.
   FtpClient(FtpSettings settings, RetrySleep sleep);
-  // Moving hands the transfer handle over and points it at the new owner's
-  // error buffer; the moved-from client keeps no handle.
+  // Moving hands the transfer handle (and the multi handle, if any) over and
+  // points it at the new owner's error buffer; the moved-from client keeps
+  // no handle.
   FtpClient(FtpClient&& other) noexcept;
   FtpClient& operator=(FtpClient&& other) noexcept;
   FtpClient(const FtpClient&) = delete;
@@ -59,6 +63,10 @@ class FtpClient {
 
   FtpSettings settings_;
   RetrySleep sleep_;
+  // Declared before the transfer handle so that it is destroyed after it:
+  // libcurl wants easy handles cleaned up before the multi handle they were
+  // used with.
+  TransferRunner runner_;
   std::unique_ptr<CURL, HandleDeleter> handle_;
   char error_buffer_[CURL_ERROR_SIZE] = {};
 };

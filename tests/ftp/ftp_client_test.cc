@@ -1,18 +1,14 @@
 #include "ftp/ftp_client.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/refusing_port.h"
 #include "util/torvane_util_exception.h"
 
 namespace {
@@ -21,28 +17,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
-
-// A loopback port that refuses connections: bound, never listening, and kept
-// bound for the lifetime of the object so nobody else takes it.
-class RefusingPort {
- public:
-  RefusingPort() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-      ADD_FAILURE() << "cannot bind a loopback port: " << std::strerror(errno);
-    socklen_t length = sizeof address;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-  }
-  ~RefusingPort() { close(fd_); }
-  std::uint16_t port() const { return port_; }
-
- private:
-  int fd_;
-  std::uint16_t port_ = 0;
-};
 
 FtpSettings settings_for(std::uint16_t port) {
   FtpSettings settings;
