@@ -45,6 +45,9 @@ CURLcode multi_failure(CURLMcode code, CURLcode otherwise,
 
 // Whether libcurl, with a transfer still running, waits for neither a socket
 // nor a timer: then nothing outside can wake it, and it has more to do now.
+// (curl_multi_fdset() leaves out sockets at or above FD_SETSIZE; for them
+// this answers true, which costs one extra curl_multi_perform() before each
+// wait, as curl_multi_poll() itself still watches them.)
 CURLMcode waits_for_nothing(CURLM* multi, bool& nothing) {
   fd_set read_set;
   fd_set write_set;
