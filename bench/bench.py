@@ -757,10 +757,11 @@ def write_report(bench, stamp, md_path, png_path, started, finished):
     add("Logins are the `USER` commands and data connections the `PASV`/"
         "`EPSV`/`PORT`/`EPRT` commands in vsftpd's log for one run of each "
         "tool. 1 s stalls counts, per run (median), the passive-mode "
-        "replies after which the client waited a second or more before its "
-        "next command: libcurl 7.88 sometimes waits one second before it "
-        "opens a data connection (see `bench/README.md`); lftp does not "
-        "use libcurl.")
+        "replies after which the client waited %g s or more before its "
+        "next command, timed as `bench.py` saw vsftpd log them: libcurl "
+        "before 8.4.0 sometimes waits one second before it opens a data "
+        "connection, which brindle avoids (see `bench/README.md`); lftp "
+        "does not use libcurl." % STALL_SECONDS)
     add("")
     if "list-entry" in bench.results:
         b = bench.results["list-entry"]["brindle"]
