@@ -1,21 +1,26 @@
 #include "ftp/ftp_client.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "ftp/login_directory.h"
 #include "ftp/request_url.h"
-#include "ftp/retry.h"
 #include "util/torvane_util_exception.h"
 
-FtpClient::FtpClient(FtpSettings settings) : settings_(std::move(settings)) {
+FtpClient::FtpClient(FtpSettings settings)
+    : FtpClient(std::move(settings), sleep_seconds) {}
+
+FtpClient::FtpClient(FtpSettings settings, RetrySleep sleep)
+    : settings_(std::move(settings)),
+      sleep_(std::move(sleep)),
+      runner_(wait_path_of_this_process()) {
   reset_handle();
 }
 
 FtpClient::FtpClient(FtpClient&& other) noexcept
     : settings_(std::move(other.settings_)),
+      sleep_(std::move(other.sleep_)),
+      runner_(std::move(other.runner_)),
       handle_(std::move(other.handle_)),
       login_directory_(std::move(other.login_directory_)),
       login_afresh_(other.login_afresh_) {
@@ -28,7 +33,10 @@ FtpClient::FtpClient(FtpClient&& other) noexcept
 FtpClient& FtpClient::operator=(FtpClient&& other) noexcept {
   if (this != &other) {
     settings_ = std::move(other.settings_);
+    sleep_ = std::move(other.sleep_);
+    // The old transfer handle goes before the old multi handle.
     handle_ = std::move(other.handle_);
+    runner_ = std::move(other.runner_);
     login_directory_ = std::move(other.login_directory_);
     login_afresh_ = other.login_afresh_;
     std::copy(std::begin(other.error_buffer_), std::end(other.error_buffer_),
@@ -76,7 +84,15 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
   }
 
   error_buffer_[0] = '\0';
-  const CURLcode result = retry_transfer(curl_easy_perform(handle_.get()));
+  const CURLcode result = run_with_retries(
+      settings_, [this] { return runner_.run(handle_.get(), error_buffer_); },
+      [this] {
+        long response_code = 0;
+        curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE,
+                          &response_code);
+        return response_code;
+      },
+      sleep_);
   learn_login_directory(result);
   reset_handle();
   if (result != CURLE_OK) {
@@ -99,22 +115,4 @@ void FtpClient::learn_login_directory(CURLcode result) {
   // has certainly logged in, so only it can tell that there is none.
   if (result == CURLE_OK && !is_known_login_directory(login_directory_))
     login_afresh_ = true;
-}
-
-// Repeats a failed transfer while retries remain and the failure is
-// transient; returns the result of the last attempt.
-CURLcode FtpClient::retry_transfer(CURLcode result) {
-  for (std::uint64_t retries_made = 0; result != CURLE_OK; ++retries_made) {
-    if (retries_made >= settings_.retries) break;
-    if (!is_transient_code(result)) {
-      long response_code = 0;
-      curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &response_code);
-      if (!is_transient_reply(response_code)) break;
-    }
-    const std::uint64_t wait = retry_wait(settings_.retry_delay_step,
-                                          settings_.retry_delay, retries_made);
-    if (wait != 0) sleep(static_cast<unsigned>(wait));
-    result = curl_easy_perform(handle_.get());
-  }
-  return result;
 }

@@ -6,6 +6,8 @@
 // its base state (error buffer, credentials, active or passive mode), so
 // options never carry over from one request to the next, while the library's
 // open connections do. Every failure throws torvane::TorvaneUtilException.
+// How each transfer is waited for depends on the libcurl release that runs
+// (see transfer_runner.h); what the server sees does not.
 //
 // The client also keeps the login directory that the server named after the
 // last login (login_directory()). The library returns a kept connection to
@@ -24,12 +26,17 @@
 #include <string>
 
 #include "ftp/ftp_settings.h"
+#include "ftp/retry.h"
+#include "ftp/transfer_runner.h"
 
 class FtpClient {
  public:
   explicit FtpClient(FtpSettings settings);
-  // Moving hands the transfer handle over and points it at the new owner's
-  // error buffer; the moved-from client keeps no handle.
+  // For tests: `sleep` stands in for the platform's sleep() between retries.
+  FtpClient(FtpSettings settings, RetrySleep sleep);
+  // Moving hands the transfer handle (and the multi handle, if any) over and
+  // points it at the new owner's error buffer; the moved-from client keeps
+  // no handle.
   FtpClient(FtpClient&& other) noexcept;
   FtpClient& operator=(FtpClient&& other) noexcept;
   FtpClient(const FtpClient&) = delete;
@@ -68,10 +75,14 @@ class FtpClient {
   };
 
   static void check_setup(CURLcode code);
-  CURLcode retry_transfer(CURLcode result);
   void learn_login_directory(CURLcode result);
 
   FtpSettings settings_;
+  RetrySleep sleep_;
+  // Declared before the transfer handle so that it is destroyed after it:
+  // libcurl wants easy handles cleaned up before the multi handle they were
+  // used with.
+  TransferRunner runner_;
   std::unique_ptr<CURL, HandleDeleter> handle_;
   char error_buffer_[CURL_ERROR_SIZE] = {};
   std::optional<std::string> login_directory_;

@@ -320,8 +320,17 @@ class RunResult(object):
                 % (self.args, self.status, self.stdout, self.stderr))
 
 
+# The variable that makes brindle wait for its transfers with curl_easy_perform
+# ("easy") or with its own loop over a multi handle ("multi") whatever the
+# libcurl release; it exists for tests only.
+WAIT_LOOP = "BRINDLE_TEST_WAIT_LOOP"
+WAIT_PATHS = ("easy", "multi")
+
+
 class Brindle(object):
-    """Runs the brindle binary with a clean environment and no terminal."""
+    """Runs the brindle binary with a clean environment and no terminal.
+    BRINDLE_TEST_WAIT_LOOP, when set for the tests themselves, is handed on
+    to every run, so that the whole suite can run on either wait path."""
 
     def __init__(self, path, workdir):
         self.path = str(path)
@@ -329,6 +338,8 @@ class Brindle(object):
 
     def environment(self, env=None):
         base = {"PATH": os.environ.get("PATH", os.defpath)}
+        if WAIT_LOOP in os.environ:
+            base[WAIT_LOOP] = os.environ[WAIT_LOOP]
         for key, value in (env or {}).items():
             if value is None:
                 base.pop(key, None)

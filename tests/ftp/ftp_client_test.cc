@@ -1,23 +1,24 @@
 #include "ftp/ftp_client.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <curl/curl.h>
 
-#include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/refusing_port.h"
 #include "util/torvane_util_exception.h"
 
 namespace {
 
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
@@ -34,28 +35,6 @@ std::string quoted(const std::string& text) {
   }
   return pattern;
 }
-
-// A loopback port that refuses connections: bound, never listening, and kept
-// bound for the lifetime of the object so nobody else takes it.
-class RefusingPort {
- public:
-  RefusingPort() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-      ADD_FAILURE() << "cannot bind a loopback port: " << std::strerror(errno);
-    socklen_t length = sizeof address;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-  }
-  ~RefusingPort() { close(fd_); }
-  std::uint16_t port() const { return port_; }
-
- private:
-  int fd_;
-  std::uint16_t port_ = 0;
-};
 
 FtpSettings settings_for(std::uint16_t port) {
   FtpSettings settings;
@@ -141,14 +120,50 @@ TEST(FtpClient, KnowsNoLoginDirectoryWithoutALogin) {
   EXPECT_EQ(client.login_directory(), std::nullopt);
 }
 
+// Counts the sockets that the library opens, one for each connection attempt
+// to a loopback address.
+curl_socket_t count_socket(void* opened, curlsocktype /*purpose*/,
+                           curl_sockaddr* address) {
+  ++*static_cast<int*>(opened);
+  return socket(address->family, address->socktype, address->protocol);
+}
+
+// The attempts and the waits of one failing request through an FtpClient.
+struct RetryRecord {
+  int attempts = 0;
+  std::vector<unsigned int> sleeps;
+};
+
+RetryRecord record_retries(FtpSettings settings) {
+  RetryRecord record;
+  FtpClient client(std::move(settings), [&record](unsigned int seconds) {
+    record.sleeps.push_back(seconds);
+  });
+  client.set_option(CURLOPT_OPENSOCKETFUNCTION, &count_socket);
+  client.set_option(CURLOPT_OPENSOCKETDATA,
+                    static_cast<void*>(&record.attempts));
+  EXPECT_THAT(failure_of(client, "/x"),
+              StartsWith("Unable to perform request for 'ftp://127.0.0.1:"));
+  return record;
+}
+
 TEST(FtpClient, RetriesWithoutWaitingWhenTheDelayIsZero) {
   RefusingPort refusing;
   FtpSettings settings = settings_for(refusing.port());
   settings.retries = 3;
   settings.retry_delay_step = 0;
-  FtpClient client(settings);
-  EXPECT_THAT(failure_of(client, "/x"),
-              StartsWith("Unable to perform request for 'ftp://127.0.0.1:"));
+  const RetryRecord record = record_retries(settings);
+  EXPECT_EQ(record.attempts, 4);
+  EXPECT_THAT(record.sleeps, IsEmpty());
+}
+
+TEST(FtpClient, WaitsLongerBeforeEachRetryByDefault) {
+  RefusingPort refusing;
+  FtpSettings settings = settings_for(refusing.port());
+  settings.retries = 3;
+  const RetryRecord record = record_retries(settings);
+  EXPECT_EQ(record.attempts, 4);
+  EXPECT_THAT(record.sleeps, ElementsAre(1u, 2u));
 }
 
 TEST(FtpClient, AMovedClientReportsIntoItsOwnErrorBuffer) {
