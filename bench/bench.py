@@ -36,7 +36,8 @@ from pathlib import Path
 REPO = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(REPO / "tests" / "e2e"))
 
-import ftptest  # noqa: E402  (the end-to-end tests' vsftpd and account)
+import ftptest  # noqa: E402  (the end-to-end tests' account and helpers)
+from servers.vsftpd import VsftpdServer  # noqa: E402
 
 KiB = 1024
 MiB = 1024 * KiB
@@ -277,7 +278,7 @@ class Bench(object):
         tempfile.tempdir = self.tmpdir
         ftptest.TEMP_PREFIX = "brindle-bench-"
         self.account = ftptest.LocalAccount().create()
-        self.server = ftptest.VsftpdServer(self.account).start()
+        self.server = VsftpdServer(self.account).start()
         self.clock = LogClock(self.server.log_path)
         self.work = ftptest.make_temp_dir("bench")
         self.local = self.work / "local"
@@ -552,7 +553,13 @@ curl -sS --user "$cred" "${{quote[@]}}" -Q "RMD /rm/small" -o /dev/null "$base/"
         with open(str(self.server.log_path), "rb") as f:
             f.seek(offset)
             text = f.read().decode("utf-8", errors="replace")
-        return ftptest.parse_vsftpd_commands(text)
+        result = []
+        for line in text.splitlines():
+            m = VsftpdServer.command_pattern.search(line)
+            if m:
+                cmd, _, arg = m.group(1).partition(" ")
+                result.append((cmd.upper(), arg))
+        return result
 
     def run_workload(self, w):
         busy = BusyLoop() if w.loaded else None

@@ -24,7 +24,8 @@ from pathlib import Path
 REPO = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(REPO / "tests" / "e2e"))
 
-import ftptest  # noqa: E402  (the end-to-end tests' scripted server)
+import ftptest  # noqa: E402  (the end-to-end tests' helpers)
+from servers.scripted import ScriptedServer  # noqa: E402
 
 # The held-back reply for each phase, and the command it answers.
 PHASES = {
@@ -63,7 +64,7 @@ def main():
     args = parser.parse_args()
     brindle = str(Path(args.brindle).resolve())
 
-    server = ftptest.ScriptedServer().start()
+    server = ScriptedServer().start()
     try:
         server.make_file("f.txt", b"data\n")
         print("| Held-back reply | Wait path | Wall (s) | User (s) | "
