@@ -1,6 +1,7 @@
 """The Markdown report: what the run ran on, the results table, the targets,
-the workloads and how to run them, followed by the notes of the existing
-report from its KEPT_MARKER line on.
+the workloads and how to run them. Everything that follows the KEPT_MARKER
+line in the existing report is written by hand and copied, byte for byte, to
+the end of the new one.
 """
 
 import os
@@ -62,26 +63,32 @@ def command_line():
                     [shlex.quote(a) for a in sys.argv[1:]])
 
 
-# Everything from this line on in an existing report is kept when the report
-# is written again: notes written by hand, such as earlier runs to compare.
-KEPT_MARKER = ("<!-- Kept by bench.py: the notes below survive when "
-               "bench/run.sh writes this report again. -->")
+# Everything after this line in an existing report is kept when the report
+# is written again: sections written by hand, such as earlier runs to compare.
+KEPT_MARKER = ("<!-- Kept by bench.py: the sections below are written by "
+               "hand. -->")
 
 
-def kept_notes(md_path):
-    """The kept part of the report that md_path holds now ("" if none)."""
+def kept_sections(md_path):
+    """The bytes that follow the KEPT_MARKER line in the report that md_path
+    holds now (b"" if there is no such file or line)."""
     try:
-        text = md_path.read_text()
+        text = md_path.read_bytes()
     except FileNotFoundError:
-        return ""
-    at = text.find(KEPT_MARKER)
-    return "" if at < 0 else text[at:]
+        return b""
+    marker = KEPT_MARKER.encode()
+    at = 0
+    for line in text.splitlines(keepends=True):
+        at += len(line)
+        if line.rstrip() == marker:
+            return text[at:]
+    return b""
 
 
 def write_report(runner, sizes, stamp, md_path, png_path, started,
                  finished):
     """Writes the report of the runner's results to md_path, ending in the
-    kept notes of the report it replaces."""
+    KEPT_MARKER line and the sections that followed it there before."""
     keys = [k for k in runner.results]
     lines = []
     add = lines.append
@@ -193,8 +200,9 @@ def write_report(runner, sizes, stamp, md_path, png_path, started,
         "quick smoke run), `BENCH_ONLY` picks workloads by key, "
         "`BENCH_OUTPUT` names another report file.")
     add("")
-    kept = kept_notes(md_path)
-    md_path.write_text("\n".join(lines) + ("\n" + kept if kept else ""))
+    kept = kept_sections(md_path)
+    add(KEPT_MARKER)
+    md_path.write_bytes("\n".join(lines).encode() + b"\n" + kept)
 
 
 WORKLOAD_DOC = [
