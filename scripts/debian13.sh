@@ -43,18 +43,10 @@ fi
 # Where the checkout goes inside the root.
 inside=/brindle
 
-# The Debian archive this machine installs from (not its security or
-# updates suites), unless DEBIAN13_MIRROR names one.
+# The Debian archive this machine installs from, unless DEBIAN13_MIRROR
+# names one.
 mirror() {
-  if [ -n "${DEBIAN13_MIRROR:-}" ]; then
-    echo "$DEBIAN13_MIRROR"
-    return
-  fi
-  # shellcheck disable=SC2016 # apt's own $(FIELD) placeholders
-  apt-get indextargets --format '$(LABEL) $(CODENAME) $(REPO_URI)' \
-    'Created-By: Packages' |
-    awk '$1 == "Debian" && $2 !~ /-/ { print $3; exit }' | grep . ||
-    echo http://deb.debian.org/debian/
+  echo "${DEBIAN13_MIRROR:-$(debian_mirror)}"
 }
 
 build_root() {  # DIR

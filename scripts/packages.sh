@@ -35,6 +35,17 @@ apt_get_quietly() {
   return "$status"
 }
 
+# The Debian archive this system installs from, as its apt sources name it
+# (not its security or updates suites), or deb.debian.org when the package
+# lists do not say.
+debian_mirror() {
+  # shellcheck disable=SC2016 # apt's own $(FIELD) placeholders
+  apt-get indextargets --format '$(LABEL) $(CODENAME) $(REPO_URI)' \
+    'Created-By: Packages' 2>/dev/null |
+    awk '$1 == "Debian" && $2 !~ /-/ { print $3; exit }' | grep . ||
+    echo http://deb.debian.org/debian/
+}
+
 # What building brindle needs.
 BUILD_PACKAGES=(
   cmake ninja-build g++ pkg-config

@@ -79,8 +79,8 @@ class FtpServer(object):
     @classmethod
     def required_in_ci(cls):
         """Whether a CI run must fail rather than skip when missing()
-        finds something missing: every server runs in CI unless the
-        Debian release does not ship it at all."""
+        finds something missing: every server runs in CI, except where a
+        subclass says otherwise."""
         return True
 
     @property
