@@ -18,9 +18,18 @@
 #                                         run COMMAND (default: an
 #                                         interactive shell) in DIR's root,
 #                                         in the checkout copied there
+#   bash scripts/debian13.sh bench DIR [OUTPUT]
+#                                         copy the checkout into DIR's root
+#                                         and run the full benchmark there
+#                                         (bash bench/run.sh); its report
+#                                         comes back as OUTPUT (default
+#                                         docs/benchmarks-debian13.md), the
+#                                         chart beside it as .png
 #
 # DEBIAN13_MIRROR overrides the mirror; DEBIAN13_STEPS (default "test
-# package bench") chooses what "check" runs.
+# package bench") chooses what "check" runs. "bench" hands BENCH_RUNS,
+# BENCH_WARMUP, BENCH_SCALE, BENCH_ONLY and BENCH_TMPDIR (a directory in
+# the root) on to bench/run.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # shellcheck source=scripts/packages.sh
@@ -49,9 +58,10 @@ build_root() {  # DIR
   install_missing "${CI_PACKAGES[@]}"
   # Everything the steps need is installed while the root is built, in one
   # go; the scripts inside then find nothing missing but the libraries of
-  # the unpacked FTP daemons.
-  packages=$(printf '%s\n' "${SUITE_PACKAGES[@]}" "${BENCH_PACKAGES[@]}" |
-    sort -u | paste -sd , -)
+  # the unpacked FTP daemons. git lets the benchmark report name the commit
+  # it measured.
+  packages=$(printf '%s\n' "${SUITE_PACKAGES[@]}" "${BENCH_PACKAGES[@]}" \
+    git | sort -u | paste -sd , -)
   echo "Building a Debian 13 root in $dir from $(mirror)"
   mmdebstrap --quiet --variant=apt --include="$packages" trixie "$dir" \
     "$(mirror)"
@@ -114,16 +124,32 @@ run_inside() {  # DIR COMMAND
     bash -c "cd $inside && $2"
 }
 
-check_root() {  # DIR
-  local dir=$1 step started status failed=0
-  [ -x "$dir/usr/bin/apt-get" ] || {
-    echo "debian13.sh: $dir holds no Debian root" >&2
+require_root() {  # DIR
+  [ -x "$1/usr/bin/apt-get" ] || {
+    echo "debian13.sh: $1 holds no Debian root" >&2
     exit 1
   }
+}
+
+# Replaces the copy of the checkout in the root with the files git tracks,
+# as they are in the working tree. The copy is a git repository at this
+# checkout's commit, with its index, so that "git describe --dirty" inside
+# names the same commit and sees the same changes.
+copy_checkout() {  # DIR
+  local dir=$1
   echo "Copying the checkout into $dir$inside"
   rm -rf "${dir:?}$inside"
   mkdir -p "$dir$inside"
   git ls-files -z | tar --null -T - -cf - | tar -xf - -C "$dir$inside"
+  git -C "$dir$inside" init --quiet
+  git -C "$dir$inside" fetch --quiet --no-tags "$PWD" HEAD
+  git -C "$dir$inside" reset --quiet FETCH_HEAD
+}
+
+check_root() {  # DIR
+  local dir=$1 step started status failed=0
+  require_root "$dir"
+  copy_checkout "$dir"
   mount_into "$dir"
   echo "Debian $(cat "$dir/etc/debian_version"), $(
     run_inside "$dir" 'curl-config --version' 2>/dev/null ||
@@ -159,6 +185,42 @@ check_root() {  # DIR
   stop_leftovers "$dir"
   unmount_all
   return "$failed"
+}
+
+# Runs bench/run.sh in the root, with the BENCH_* settings of this
+# environment, and copies its report and chart out to OUTPUT and the .png
+# beside it. Inside, the report is docs/ plus OUTPUT's name, so that its
+# links to the rest of the checkout hold; an existing OUTPUT goes in first,
+# so that the notes that bench.py keeps in it survive.
+bench_root() {  # DIR OUTPUT
+  local dir=$1 output=$2 name chart setting settings=() started=$SECONDS
+  local status
+  require_root "$dir"
+  name=$(basename "$output")
+  chart=${name%.*}.png
+  copy_checkout "$dir"
+  [ ! -f "$output" ] || cp "$output" "$dir$inside/docs/$name"
+  for setting in RUNS WARMUP SCALE ONLY TMPDIR; do
+    setting=BENCH_$setting
+    [ -z "${!setting:-}" ] ||
+      settings+=("$setting=$(printf %q "${!setting}")")
+  done
+  settings+=("BENCH_OUTPUT=docs/$name")
+  mount_into "$dir"
+  echo "Debian $(cat "$dir/etc/debian_version"), $(
+    run_inside "$dir" 'curl-config --version' 2>/dev/null ||
+      echo "libcurl unknown")"
+  echo "== Debian 13: full benchmark: ${settings[*]} bash bench/run.sh"
+  run_inside "$dir" "${settings[*]} bash bench/run.sh" && status=0 ||
+    status=$?
+  echo "== Debian 13 benchmark: status $status after $((SECONDS - started)) s"
+  stop_leftovers "$dir"
+  unmount_all
+  [ "$status" -eq 0 ] || return "$status"
+  mkdir -p "$(dirname "$output")"
+  cp "$dir$inside/docs/$name" "$output"
+  cp "$dir$inside/docs/$chart" "$(dirname "$output")/$chart"
+  echo "Wrote $output and $(dirname "$output")/$chart"
 }
 
 remove_root() {  # DIR
@@ -199,6 +261,10 @@ case ${1:-} in
   remove)
     remove_root "${2:?debian13.sh remove DIR}"
     ;;
+  bench)
+    root_dir=${2:?debian13.sh bench DIR [OUTPUT]}
+    bench_root "$root_dir" "${3:-docs/benchmarks-debian13.md}"
+    ;;
   shell)
     root_dir=${2:?debian13.sh shell DIR [COMMAND]}
     mount_into "$root_dir"
@@ -217,7 +283,7 @@ case ${1:-} in
     ;;
   *)
     echo "usage: bash scripts/debian13.sh [root DIR | check DIR | remove DIR |" \
-      "shell DIR [COMMAND]]" >&2
+      "shell DIR [COMMAND] | bench DIR [OUTPUT]]" >&2
     exit 2
     ;;
 esac
