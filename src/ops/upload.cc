@@ -97,12 +97,15 @@ void upload_command(const FtpSettings& settings, const fs::path& local_path,
 
 void upload_path(FtpClient& client, const fs::path& local_path,
                  const fs::path& remote_path, bool follow_symlinks) {
-  if (fs::is_symlink(fs::symlink_status(local_path))) {
+  // One query: for anything but a link, the status of the path itself is
+  // the status that following links would give.
+  const fs::file_status own = fs::symlink_status(local_path);
+  if (fs::is_symlink(own)) {
     if (follow_symlinks)
       upload_link(client, local_path, remote_path);
     else
       print_skip_line(local_path, "symbolic links aren't allowed");
-  } else if (fs::is_directory(fs::status(local_path))) {
+  } else if (fs::is_directory(own)) {
     upload_directory(client, local_path, remote_path, follow_symlinks);
   } else {
     upload_file(client, local_path, remote_path);
