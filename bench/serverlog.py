@@ -58,13 +58,7 @@ def commands_since(path, offset):
     with open(str(path), "rb") as f:
         f.seek(offset)
         text = f.read().decode("utf-8", errors="replace")
-    result = []
-    for line in text.splitlines():
-        m = VsftpdServer.command_pattern.search(line)
-        if m:
-            cmd, _, arg = m.group(1).partition(" ")
-            result.append((cmd.upper(), arg))
-    return result
+    return VsftpdServer.parse_commands(text)
 
 
 def logins_and_data(path, offset):

@@ -3,7 +3,6 @@
 #include <sys/select.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 
 #include "util/torvane_util_exception.h"

@@ -343,9 +343,15 @@ class DaemonServer(FtpServer):
     def commands(self):
         if self.command_pattern is None:
             raise NotImplementedError
+        return self.parse_commands(self.log_text())
+
+    @classmethod
+    def parse_commands(cls, text):
+        """(COMMAND, argument) of every command that a piece of the
+        daemon's log shows."""
         result = []
-        for line in self.log_text().splitlines():
-            m = self.command_pattern.search(line)
+        for line in text.splitlines():
+            m = cls.command_pattern.search(line)
             if m:
                 cmd, _, arg = m.group(1).partition(" ")
                 result.append((cmd.upper(), arg))
