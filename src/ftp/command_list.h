@@ -27,6 +27,14 @@ class CommandList {
   // library cannot.
   void append(const std::string& command);
 
+  // Puts one command line in front of the others; throws std::bad_alloc
+  // when the library cannot.
+  void prepend(const std::string& command);
+
+  // Moves the commands that follow `node`, a node of this list, into a list
+  // of their own, which is returned; `node` becomes this list's last one.
+  CommandList split_after(curl_slist* node);
+
   // The head of the list (null while empty), owned by this object.
   curl_slist* get() const { return head_.get(); }
 

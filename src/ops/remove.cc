@@ -1,7 +1,12 @@
 #include "ops/remove.h"
 
+#include <cstddef>
+#include <limits>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "ftp/command_batches.h"
 #include "ftp/login_directory.h"
 #include "ftp/path.h"
 #include "listing/remote_listing.h"
@@ -47,20 +52,35 @@ void remove_command(const FtpSettings& settings, const fs::path& remote_path,
   collect_removals(client, remote.parent_path(), entry, commands,
                    login_directory);
 
-  client.set_option(CURLOPT_WRITEFUNCTION, &discard_body);
-  client.set_option(CURLOPT_QUOTE, commands.get());
+  // Where libcurl counts the replies to these commands against its limit on
+  // one request's replies, the list goes out as several requests in turn,
+  // each within that limit (ftp/command_batches.h); elsewhere as one.
+  const std::vector<CommandList> batches = split_into_batches(
+      std::move(commands), command_replies_counted_in_this_process()
+                               ? kBatchBudget
+                               : std::numeric_limits<std::size_t>::max());
   // The library sends these commands on a reused connection before it
   // returns to the login directory, that is in the directory that the last
   // listing entered. Absolute commands do not mind and go out on that one
   // connection. Relative ones (a relative remote path, or an absolute one
   // below a login directory that the server did not name) must be resolved
-  // against the login directory, so for them the request logs in afresh.
-  if (!remote.has_root_directory() ||
-      !is_known_login_directory(login_directory))
-    client.set_option(CURLOPT_FRESH_CONNECT, 1L);
-  // The empty path addresses the server's base URL: the commands run before
-  // any change of directory, and the listing that follows them is dropped.
-  client.perform(fs::path());
+  // against the login directory, so for them each request logs in afresh,
+  // and every one but the last closes its connection, so that the next
+  // cannot take up the walk's connection instead of a new one.
+  const bool relative = !remote.has_root_directory() ||
+                        !is_known_login_directory(login_directory);
+  for (std::size_t i = 0; i < batches.size(); ++i) {
+    client.set_option(CURLOPT_WRITEFUNCTION, &discard_body);
+    client.set_option(CURLOPT_QUOTE, batches[i].get());
+    if (relative) {
+      client.set_option(CURLOPT_FRESH_CONNECT, 1L);
+      if (i + 1 < batches.size()) client.set_option(CURLOPT_FORBID_REUSE, 1L);
+    }
+    // The empty path addresses the server's base URL: the commands run
+    // before any change of directory, and the listing that follows them is
+    // dropped.
+    client.perform(fs::path());
+  }
 }
 
 void collect_removals(FtpClient& client, const fs::path& remote_dir,

@@ -66,4 +66,37 @@ TEST(CommandList, MovedListKeepsAppendingInOrder) {
             (std::vector<std::string>{"NOOP", "DELE /a", "RMD /", "QUIT"}));
 }
 
+TEST(CommandList, PrependPutsACommandFirst) {
+  CommandList commands;
+  commands.prepend("RMD /a");
+  commands.prepend("NOOP");
+  commands.append("QUIT");
+  EXPECT_EQ(lines_of(commands),
+            (std::vector<std::string>{"NOOP", "RMD /a", "QUIT"}));
+}
+
+TEST(CommandList, SplitAfterANodeLeavesTwoListsThatAppendInOrder) {
+  CommandList first;
+  first.append("NOOP");
+  first.append("DELE /a");
+  first.append("DELE /b");
+  first.append("RMD /");
+  CommandList second = first.split_after(first.get()->next);
+  first.append("DELE /c");
+  second.append("QUIT");
+  EXPECT_EQ(lines_of(first),
+            (std::vector<std::string>{"NOOP", "DELE /a", "DELE /c"}));
+  EXPECT_EQ(lines_of(second),
+            (std::vector<std::string>{"DELE /b", "RMD /", "QUIT"}));
+}
+
+TEST(CommandList, SplitAfterTheLastNodeGivesAnEmptyList) {
+  CommandList commands;
+  commands.append("NOOP");
+  commands.append("DELE /a");
+  const CommandList rest = commands.split_after(commands.get()->next);
+  EXPECT_EQ(rest.get(), nullptr);
+  EXPECT_EQ(lines_of(commands), (std::vector<std::string>{"NOOP", "DELE /a"}));
+}
+
 }  // namespace

@@ -1,0 +1,231 @@
+"""Removal of trees too large for one request's replies.
+
+libcurl 7.88.1 (Debian 12) counts the server's replies to a request's
+pre-transfer commands against its 300 KiB limit on one request's replies,
+which a removal of some nine thousand short entries, or far fewer long ones,
+reaches.  There brindle sends the deletions in batches, each its own request
+on the same connection; libcurl 8.14 (Debian 13) takes them all in one.
+batches.py says what the server must receive either way.
+
+The daemons' tests remove 20,000 entries with long names, so that the
+replies are long (Pure-FTPd echoes the path in each).  The scripted server's
+tests force either behaviour of libcurl with brindle's test variable and
+check the exact commands around the budget and what a retry resends.
+"""
+
+import posixpath
+
+import pytest
+
+import batches
+from checks import assert_failed, assert_ok
+from ftptest import DIR, named, snapshot
+from test_remove import deletion_runs, sessions_of
+
+
+def remove(brindle, server, remote, *flags, counted=None, timeout=300):
+    env = {} if counted is None else {
+        batches.VARIABLE: "counted" if counted else "uncounted"}
+    return brindle.run("--remove", "--remote-path", remote, *flags,
+                       *server.args(), env=env, timeout=timeout)
+
+
+def url(server):
+    return "ftp://127.0.0.1:%d" % server.port
+
+
+# ------------------------------------------------- 20,000 entries, daemons
+
+DIRECTORIES = 100
+FILES_PER_DIRECTORY = 199       # 100 + 100 * 199 = 20,000 entries
+DIR_NAME = "directory %03d " + "d" * 50
+FILE_NAME = "file %03d " + "f" * 110
+
+
+def make_large_tree(server):
+    """/big with DIRECTORIES directories of FILES_PER_DIRECTORY files, all
+    with long names; returns the paths of the directories and files."""
+    dirs, files = [], []
+    for d in range(DIRECTORIES):
+        name = DIR_NAME % d
+        server.make_dir("big/" + name)
+        dirs.append("/big/" + name)
+        for f in range(FILES_PER_DIRECTORY):
+            path = "big/%s/%s" % (name, FILE_NAME % f)
+            server.make_file(path)
+            files.append("/" + path)
+    return dirs, files
+
+
+def assert_post_order(deletions, server, dirs, files):
+    """Every entry deleted once, each directory after all it held."""
+    paths = [server.server_path(p) for p in files]
+    expected = sorted([("DELE", p) for p in paths] +
+                      [("RMD", server.server_path(p)) for p in dirs] +
+                      [("RMD", server.server_path("/big"))])
+    assert sorted(deletions) == expected
+    position = {arg: i for i, (_, arg) in enumerate(deletions)}
+    for (command, arg) in deletions:
+        parent = posixpath.dirname(arg)
+        if parent in position:
+            assert position[arg] < position[parent], (command, arg)
+
+
+@pytest.mark.parametrize("kind", ["vsftpd", "proftpd", "pureftpd"])
+def test_remove_20000_entries_with_long_names(brindle, start_server, kind):
+    server = start_server(kind)
+    try:
+        dirs, files = make_large_tree(server)
+        server.make_file("big-sibling/kept.txt", b"kept")
+        server.make_file("bigger.txt", b"also kept")
+
+        result = remove(brindle, server, "/big", "--recursive")
+
+        assert_ok(result)
+        assert snapshot(server.root) == {
+            "big-sibling": DIR, "big-sibling/kept.txt": b"kept",
+            "bigger.txt": b"also kept"}
+        server.wait_idle()
+        commands = server.commands()
+        deletions = named(commands, "DELE", "RMD")
+        assert len(deletions) == 20001
+        assert_post_order(deletions, server, dirs, files)
+        # One login; one listing for the lookup, one per directory and one
+        # per request of deletions, which are the batches of batches.py
+        # where libcurl counts their replies and a single one elsewhere.
+        expected = batches.split(deletions)
+        assert deletion_runs(commands) == expected
+        assert named(commands, "USER") == [("USER", server.user)]
+        assert len(named(commands, "LIST")) == 1 + 101 + len(expected)
+        if batches.COUNTED:
+            # Long paths: at least as many requests as Pure-FTPd's replies,
+            # which echo them, need to stay below libcurl's limit.
+            replies = sum(len("250 Deleted " + arg) + 2
+                          for _, arg in deletions)
+            assert len(expected) > replies // 307200
+    finally:
+        server.stop()
+
+
+# ------------------------------------------- the budget, exactly, scripted
+
+def make_flat_tree(server, total_cost):
+    """/t holding files whose removal list ("NOOP", a DELE each, "RMD /t")
+    costs exactly total_cost; returns that list without its NOOP."""
+    name_length = 150
+    fixed = batches.cost("NOOP") + batches.cost("RMD", "/t")
+    each = batches.cost("DELE", "/t/" + "x" * name_length)
+    count, extra = divmod(total_cost - fixed, each)
+    names = []
+    for i in range(count):
+        # The remainder, spread over the first names (at most 255 bytes).
+        longer = min(extra, 100)
+        extra -= longer
+        name = "%04d" % i + "x" * (name_length - 4) + "y" * longer
+        server.make_file("t/" + name)
+        names.append(name)
+    deletions = [("DELE", "/t/" + n) for n in sorted(names)] + [("RMD", "/t")]
+    assert sum(batches.cost(*c) for c in deletions) + \
+        batches.cost("NOOP") == total_cost
+    return deletions
+
+
+@pytest.mark.parametrize("counted", [True, False],
+                         ids=["replies-counted", "replies-uncounted"])
+@pytest.mark.parametrize("over", [0, 1], ids=["at-the-budget",
+                                              "one-byte-over"])
+def test_remove_around_the_budget(brindle, scripted, counted, over):
+    deletions = make_flat_tree(scripted, batches.BUDGET + over)
+    scripted.make_file("keep.txt", b"k")
+
+    result = remove(brindle, scripted, "/t", "--recursive", counted=counted)
+
+    assert_ok(result)
+    if counted and over:
+        # The last command that does not fit opens a second request, on
+        # the same connection, after the first request's listing.
+        requests = [[("NOOP", "")] + deletions[:-1],
+                    [("NOOP", ""), ("RMD", "/t")]]
+    else:
+        requests = [[("NOOP", "")] + deletions]
+    assert batches.split(deletions, counted) == requests
+    expected = [(1, "USER", scripted.user), (1, "LIST", ""),
+                (1, "LIST", "")]
+    for request in requests:
+        expected += [(1,) + c for c in request] + [(1, "LIST", "")]
+    assert sessions_of(scripted, {"USER", "LIST", "NOOP", "DELE",
+                                  "RMD"}) == expected
+    assert snapshot(scripted.root) == {"keep.txt": b"k"}
+
+
+def test_remove_relative_path_in_batches(brindle, scripted):
+    # Relative commands need a session that starts in the login directory:
+    # each request logs in afresh, never on the walk's connection.
+    deletions = make_flat_tree(scripted, batches.BUDGET + 1000)
+    first, second = batches.split([(c, a[1:]) for c, a in deletions], True)
+
+    result = remove(brindle, scripted, "t", "--recursive", counted=True)
+
+    assert_ok(result)
+    assert sessions_of(scripted, {"USER", "NOOP", "DELE", "RMD"}) == [
+        (1, "USER", scripted.user), (2, "USER", scripted.user)] + [
+        (2,) + c for c in first] + [(3, "USER", scripted.user)] + [
+        (3,) + c for c in second]
+    assert snapshot(scripted.root) == {}
+
+
+# ------------------------------------------------ retries of one request
+
+def split_tree(server):
+    """A /t of two requests when replies are counted; the deletions of the
+    first and of the second."""
+    deletions = make_flat_tree(server, 2 * batches.BUDGET - 1000)
+    first, second = batches.split(deletions, True)
+    assert len(second) > 3
+    return first[1:], second[1:]
+
+
+def test_retry_resends_only_the_failed_request(brindle, scripted):
+    first, second = split_tree(scripted)
+    # The server drops the connection instead of running the second
+    # request's first deletion: nothing of that request took effect.
+    scripted.script({"failures": [
+        {"command": second[0][0], "arg": second[0][1],
+         "reply": "421 Scripted shutdown", "close": True, "times": 1}]})
+
+    result = remove(brindle, scripted, "/t", "--recursive", "--retry", "1",
+                    "--retry-delay", "0", counted=True)
+
+    assert_ok(result)
+    # The first request once; the second once up to its failure, then
+    # whole, on a new login.
+    assert named(scripted.commands(), "NOOP", "DELE", "RMD") == (
+        [("NOOP", "")] + first + [("NOOP", ""), second[0]] +
+        [("NOOP", "")] + second)
+    assert [c for s, c, a in sessions_of(scripted, {"USER"})] == [
+        "USER", "USER"]
+    assert snapshot(scripted.root) == {}
+
+
+def test_retry_meets_what_the_failed_attempt_deleted(brindle, scripted):
+    first, second = split_tree(scripted)
+    # Dropped after the second request's first two deletions took effect:
+    # the retry resends them from its NOOP, and the server refuses the
+    # first, which no longer exists.
+    scripted.script({"failures": [
+        {"command": second[2][0], "arg": second[2][1],
+         "reply": "421 Scripted shutdown", "close": True, "times": 1}]})
+
+    result = remove(brindle, scripted, "/t", "--recursive", "--retry", "1",
+                    "--retry-delay", "0", counted=True)
+
+    assert_failed(result, "Unable to perform request for '%s': "
+                  "QUOT command failed with 550" % url(scripted))
+    assert named(scripted.commands(), "NOOP", "DELE", "RMD") == (
+        [("NOOP", "")] + first + [("NOOP", "")] + second[:3] +
+        [("NOOP", ""), second[0]])
+    # Everything from the dropped command on is still there.
+    left = {"t": DIR}
+    for _, arg in second[2:-1]:
+        left[arg[1:]] = b""
+    assert snapshot(scripted.root) == left

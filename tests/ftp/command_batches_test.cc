@@ -1,0 +1,138 @@
+#include "ftp/command_batches.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+CommandList list_of(const Lines& lines) {
+  CommandList commands;
+  for (const std::string& line : lines) commands.append(line);
+  return commands;
+}
+
+std::vector<Lines> lines_of(const std::vector<CommandList>& batches) {
+  std::vector<Lines> result;
+  for (const CommandList& batch : batches) {
+    Lines lines;
+    for (const curl_slist* item = batch.get(); item != nullptr;
+         item = item->next)
+      lines.emplace_back(item->data);
+    result.push_back(std::move(lines));
+  }
+  return result;
+}
+
+std::size_t cost_of(const Lines& lines) {
+  std::size_t cost = 0;
+  for (const std::string& line : lines) cost += command_cost(line.c_str());
+  return cost;
+}
+
+TEST(CommandBatches, CountedBefore8_14AndNotFromThenOn) {
+  EXPECT_TRUE(counts_command_replies(0x075801, nullptr));   // 7.88.1
+  EXPECT_TRUE(counts_command_replies(0x080D00, nullptr));   // 8.13.0
+  EXPECT_FALSE(counts_command_replies(0x080E00, nullptr));  // 8.14.0
+  EXPECT_FALSE(counts_command_replies(0x080E01, nullptr));  // 8.14.1
+}
+
+TEST(CommandBatches, TestVariableForcesEitherAnswer) {
+  EXPECT_FALSE(counts_command_replies(0x075801, "uncounted"));
+  EXPECT_TRUE(counts_command_replies(0x080E01, "counted"));
+  EXPECT_TRUE(counts_command_replies(0x075801, "other"));
+  EXPECT_FALSE(counts_command_replies(0x080E01, ""));
+}
+
+TEST(CommandBatches, CostIsLengthPlusMargin) {
+  EXPECT_EQ(command_cost("NOOP"), 4 + kReplyMargin);
+  EXPECT_EQ(command_cost(""), kReplyMargin);
+  EXPECT_EQ(command_cost(std::string(4000, 'x').c_str()), 4000 + kReplyMargin);
+}
+
+TEST(CommandBatches, BudgetIsHalfOfLibcurlsLimit) {
+  EXPECT_EQ(kBatchBudget * 2, 300u * 1024u);
+}
+
+TEST(CommandBatches, EmptyListGivesNoBatch) {
+  EXPECT_TRUE(split_into_batches(CommandList(), 1000).empty());
+}
+
+TEST(CommandBatches, ListThatFitsComesBackWhole) {
+  const Lines lines = {"NOOP", "DELE /a", "DELE /b", "RMD /"};
+  CommandList commands = list_of(lines);
+  const curl_slist* head = commands.get();
+  const std::vector<CommandList> batches =
+      split_into_batches(std::move(commands), cost_of(lines));
+  ASSERT_EQ(batches.size(), 1u);
+  EXPECT_EQ(batches[0].get(), head);
+  EXPECT_EQ(lines_of(batches), std::vector<Lines>{lines});
+}
+
+TEST(CommandBatches, OneByteOverTheBudgetMovesTheLastCommandOn) {
+  const Lines lines = {"NOOP", "DELE /a", "DELE /b", "RMD /"};
+  const std::vector<CommandList> batches =
+      split_into_batches(list_of(lines), cost_of(lines) - 1);
+  EXPECT_EQ(
+      lines_of(batches),
+      (std::vector<Lines>{{"NOOP", "DELE /a", "DELE /b"}, {"NOOP", "RMD /"}}));
+}
+
+TEST(CommandBatches, EveryBatchStaysWithinTheBudgetAndKeepsTheOrder) {
+  Lines lines = {"NOOP"};
+  for (int i = 0; i < 10000; ++i)
+    lines.push_back("DELE /tree/d" + std::to_string(i / 100) + "/file" +
+                    std::to_string(i));
+  lines.push_back("RMD /tree");
+  constexpr std::size_t kBudget = 20000;
+
+  const std::vector<Lines> batches =
+      lines_of(split_into_batches(list_of(lines), kBudget));
+
+  Lines joined = {"NOOP"};
+  for (const Lines& batch : batches) {
+    ASSERT_GE(batch.size(), 2u);
+    EXPECT_EQ(batch.front(), "NOOP");
+    EXPECT_LE(cost_of(batch), kBudget);
+    joined.insert(joined.end(), batch.begin() + 1, batch.end());
+  }
+  EXPECT_EQ(joined, lines);
+  // As few batches as the budget allows: each but the last is full, so the
+  // next command would not have fitted.
+  for (std::size_t i = 0; i + 1 < batches.size(); ++i)
+    EXPECT_GT(cost_of(batches[i]) + command_cost(batches[i + 1][1].c_str()),
+              kBudget);
+}
+
+TEST(CommandBatches, CommandOverTheBudgetGoesAloneBehindItsNoop) {
+  const std::string huge = "DELE /" + std::string(4000, 'x');
+  const Lines lines = {"NOOP", "DELE /a", huge, "DELE /b"};
+  const std::vector<CommandList> batches =
+      split_into_batches(list_of(lines), 200);
+  EXPECT_EQ(lines_of(batches),
+            (std::vector<Lines>{
+                {"NOOP", "DELE /a"}, {"NOOP", huge}, {"NOOP", "DELE /b"}}));
+}
+
+TEST(CommandBatches, ManyThousandsOfLongPathsStayWithinTheRealBudget) {
+  // Paths of 4,000 bytes, as deep trees have them: 37 to a batch.
+  Lines lines = {"NOOP"};
+  for (int i = 0; i < 1000; ++i)
+    lines.push_back("DELE /" + std::string(3990, 'p') + std::to_string(i));
+  const std::vector<Lines> batches =
+      lines_of(split_into_batches(list_of(lines), kBatchBudget));
+  std::size_t commands = 0;
+  for (const Lines& batch : batches) {
+    EXPECT_LE(cost_of(batch), kBatchBudget);
+    commands += batch.size() - 1;
+  }
+  EXPECT_EQ(commands, 1000u);
+  EXPECT_EQ(batches.size(), 28u);
+}
+
+}  // namespace
