@@ -59,3 +59,32 @@ std::vector<CommandList> split_into_batches(CommandList commands,
   }
   return batches;
 }
+
+std::vector<std::size_t> directory_steps(const std::filesystem::path& directory,
+                                         std::size_t login_directory_length,
+                                         std::size_t budget) {
+  // The cost of creating each element, in order, as the first one that a
+  // request creates.
+  std::vector<std::size_t> creation;
+  std::size_t prefix_length = 0;
+  for (const std::filesystem::path& element : directory.relative_path()) {
+    if (element.empty()) continue;
+    prefix_length += 1 + element.native().size();
+    creation.push_back(login_directory_length + prefix_length +
+                       3 * kReplyMargin);
+  }
+  std::vector<std::size_t> steps;
+  std::size_t done = 0;
+  while (done < creation.size()) {
+    // Passing through the directories that exist by now, then as many
+    // creations as fit, and at least one.
+    std::size_t cost = done * kReplyMargin + creation[done];
+    std::size_t end = done + 1;
+    while (end < creation.size() && cost + creation[end] <= budget)
+      cost += creation[end++];
+    if (end == creation.size()) break;
+    steps.push_back(end);
+    done = end;
+  }
+  return steps;
+}

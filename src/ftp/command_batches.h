@@ -1,5 +1,8 @@
-// A request's pre-transfer commands (CURLOPT_QUOTE), split over several
-// requests where the running libcurl cannot take them all in one.
+// Requests whose replies grow with the work, split into several where the
+// running libcurl cannot take all the replies of one: a long list of
+// pre-transfer commands (CURLOPT_QUOTE), and the creation of a long chain
+// of missing directories (CURLOPT_FTP_CREATE_MISSING_DIRS), whose "MKD"
+// replies echo ever longer paths.
 //
 // libcurl 7.88.1 as Debian 12 ships it counts the server's replies to these
 // commands against its limit of 300 KiB on the response headers of one
@@ -17,6 +20,7 @@
 #define BRINDLE_FTP_COMMAND_BATCHES_H_
 
 #include <cstddef>
+#include <filesystem>
 #include <vector>
 
 #include "ftp/command_list.h"
@@ -57,5 +61,20 @@ std::size_t command_cost(const char* command);
 // only batch; an empty one comes back as no batch at all.
 std::vector<CommandList> split_into_batches(CommandList commands,
                                             std::size_t budget);
+
+// How a request to a path in `directory` whose directories may all be
+// missing creates them within `budget`: the numbers of leading elements of
+// `directory` (its root "/" not counted) to create, each by a request of its
+// own, before that request creates the rest. None when one request can
+// create them all, as for any directory of 4,000 bytes in up to 69 levels. A
+// request that creates a directory costs, for every element it passes through,
+// kReplyMargin, and for every element it creates, three replies (the refused
+// "CWD", "MKD" and "CWD"), the "MKD" reply echoing the server's path of the new
+// directory: `login_directory_length` bytes (the length of the login directory,
+// 0 where it is unknown) and the path of its first elements. Every step creates
+// at least one directory.
+std::vector<std::size_t> directory_steps(const std::filesystem::path& directory,
+                                         std::size_t login_directory_length,
+                                         std::size_t budget);
 
 #endif  // BRINDLE_FTP_COMMAND_BATCHES_H_

@@ -1,10 +1,14 @@
 #include "ops/upload.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <fstream>
+#include <optional>
+#include <string>
 #include <system_error>
 
+#include "ftp/command_batches.h"
 #include "ftp/path.h"
 #include "ops/skip_line.h"
 #include "util/torvane_util_exception.h"
@@ -51,6 +55,35 @@ void upload_directory(FtpClient& client, const fs::path& local_path,
   }
 }
 
+// Where libcurl counts the replies of one request against its limit (see
+// ftp/command_batches.h), a file deep below directories that may all be
+// missing would have its request fail on the "MKD" replies, which echo ever
+// longer paths. Such a chain is created first, a part at a time, by
+// requests that only enter the directories of a leading part of the path,
+// creating those that are missing, and transfer nothing. Any other file
+// path, and every path where replies are not counted, needs none of them.
+void create_directories_in_steps(FtpClient& client,
+                                 const fs::path& remote_path) {
+  if (!command_replies_counted_in_this_process()) return;
+  const fs::path directory = remote_path.parent_path();
+  const std::optional<std::string>& login = client.login_directory();
+  const std::size_t login_length = login ? login->size() : 0;
+  for (const std::size_t levels :
+       directory_steps(directory, login_length, kBatchBudget)) {
+    fs::path leading;
+    std::size_t taken = 0;
+    for (const fs::path& element : directory.relative_path()) {
+      if (element.empty()) continue;
+      if (taken++ == levels) break;
+      leading /= element;
+    }
+    client.set_option(CURLOPT_FTP_CREATE_MISSING_DIRS, 1L);
+    client.set_option(CURLOPT_NOBODY, 1L);
+    // A trailing "/": the path names a directory to enter, not a file.
+    client.perform(leading / "");
+  }
+}
+
 void upload_file(FtpClient& client, const fs::path& local_path,
                  const fs::path& remote_path) {
   std::ifstream file(local_path, std::ios::binary);
@@ -59,6 +92,7 @@ void upload_file(FtpClient& client, const fs::path& local_path,
                                "' for reading: " + std::strerror(errno));
   }
   std::istream& source = file;
+  create_directories_in_steps(client, remote_path);
   client.set_option(CURLOPT_UPLOAD, 1L);
   client.set_option(CURLOPT_FTP_CREATE_MISSING_DIRS, 1L);
   client.set_option(CURLOPT_READFUNCTION, &read_from_stream);

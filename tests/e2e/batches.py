@@ -1,13 +1,15 @@
-"""How brindle spreads the deletions of one removal over requests, written
-out independently of its code so that the tests can tell what the server
-must receive.
+"""How brindle spreads work whose replies grow over several requests,
+written out independently of its code so that the tests can tell what the
+server must receive.
 
 libcurl before 8.14 (7.88.1 on Debian 12) counts the replies to a request's
-pre-transfer commands against its 300 KiB limit on one request's replies, so
-there brindle sends them in batches: each "NOOP" and as many whole commands
-as fit in BUDGET, a command costing its length plus MARGIN.  Later libcurl
-releases take the whole list in one request.  The test variable VARIABLE
-forces either way on any libcurl.
+pre-transfer commands, and to the "MKD"s of the directories it creates,
+against its 300 KiB limit on one request's replies.  There brindle sends
+the deletions of a removal in batches: each "NOOP" and as many whole
+commands as fit in BUDGET, a command costing its length plus MARGIN.  And
+it creates a long chain of missing directories in steps, each a request of
+its own (directory_steps).  Later libcurl releases do all in one request.
+The test variable VARIABLE forces either way on any libcurl.
 """
 
 import libcurl
@@ -47,3 +49,28 @@ def split(deletions, counted=COUNTED):
     if run is not None:
         runs.append(run)
     return runs
+
+
+def directory_steps(names, login_length=0, counted=COUNTED):
+    """The numbers of leading names of a chain of missing directories that
+    brindle creates, each by a request of its own, before the request that
+    creates the rest: a request passing through k existing directories and
+    creating the next ones costs k * MARGIN, and for each new one its
+    server path (login directory and chain so far) plus 3 * MARGIN."""
+    if not counted:
+        return []
+    creation, prefix = [], 0
+    for name in names:
+        prefix += 1 + len(name.encode("utf-8", "surrogateescape"))
+        creation.append(login_length + prefix + 3 * MARGIN)
+    steps, done = [], 0
+    while done < len(creation):
+        cost, end = done * MARGIN + creation[done], done + 1
+        while end < len(creation) and cost + creation[end] <= BUDGET:
+            cost += creation[end]
+            end += 1
+        if end == len(creation):
+            break
+        steps.append(end)
+        done = end
+    return steps

@@ -39,7 +39,15 @@ def make_temp_dir(tag):
 
 
 def remove_tree(path):
-    if path is not None:
+    if path is None:
+        return
+    try:
+        shutil.rmtree(str(path))
+    except RecursionError:
+        # shutil recurses once per level: a chain of directories deeper
+        # than Python's recursion limit goes with rm, which does not.
+        subprocess.run(["rm", "-rf", "--", str(path)], check=False)
+    except OSError:
         shutil.rmtree(str(path), ignore_errors=True)
 
 

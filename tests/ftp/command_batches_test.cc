@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -133,6 +134,68 @@ TEST(CommandBatches, ManyThousandsOfLongPathsStayWithinTheRealBudget) {
   }
   EXPECT_EQ(commands, 1000u);
   EXPECT_EQ(batches.size(), 28u);
+}
+
+// `levels` directories named `name`, one inside the other, below "/".
+std::filesystem::path chain(const std::string& name, std::size_t levels) {
+  std::filesystem::path directory = "/";
+  for (std::size_t i = 0; i < levels; ++i) directory /= name;
+  return directory;
+}
+
+// The model's cost of the request that creates levels (from, to] of a chain
+// of equal names, the first `from` existing already.
+std::size_t creation_cost(std::size_t name_length, std::size_t login_length,
+                          std::size_t from, std::size_t to) {
+  std::size_t cost = from * kReplyMargin;
+  for (std::size_t k = from + 1; k <= to; ++k)
+    cost += login_length + k * (name_length + 1) + 3 * kReplyMargin;
+  return cost;
+}
+
+TEST(DirectorySteps, ShortPathsNeedNone) {
+  EXPECT_TRUE(directory_steps("", 0, kBatchBudget).empty());
+  EXPECT_TRUE(directory_steps("/", 0, kBatchBudget).empty());
+  EXPECT_TRUE(directory_steps("/data/2024/11/24", 11, kBatchBudget).empty());
+  EXPECT_TRUE(directory_steps("rel/a/b/", 11, kBatchBudget).empty());
+}
+
+TEST(DirectorySteps, FourThousandBytesInSixtyNineLevelsNeedNone) {
+  // 69 names of 57 bytes and their separators: 4,002 bytes.
+  EXPECT_TRUE(directory_steps(chain(std::string(57, 'n'), 69), 0, kBatchBudget)
+                  .empty());
+  EXPECT_FALSE(directory_steps(chain(std::string(57, 'n'), 75), 0, kBatchBudget)
+                   .empty());
+}
+
+TEST(DirectorySteps, DeepChainGoesInStepsThatEachFit) {
+  // 1,333 levels of "ab": 3,999 bytes, as deep as a path of that length
+  // gets with names of two bytes.
+  constexpr std::size_t kLevels = 1333;
+  constexpr std::size_t kLogin = 11;  // "/home/alice"
+  const std::vector<std::size_t> steps =
+      directory_steps(chain("ab", kLevels), kLogin, kBatchBudget);
+  ASSERT_FALSE(steps.empty());
+  std::size_t done = 0;
+  for (const std::size_t end : steps) {
+    ASSERT_GT(end, done);
+    EXPECT_LE(creation_cost(2, kLogin, done, end), kBatchBudget);
+    // As few steps as the budget allows: one level more would not fit.
+    EXPECT_GT(creation_cost(2, kLogin, done, end + 1), kBatchBudget);
+    done = end;
+  }
+  ASSERT_LT(done, kLevels);
+  EXPECT_LE(creation_cost(2, kLogin, done, kLevels), kBatchBudget);
+}
+
+TEST(DirectorySteps, LongLoginDirectoryCountsInEveryReply) {
+  const std::filesystem::path directory = chain(std::string(57, 'n'), 69);
+  EXPECT_TRUE(directory_steps(directory, 0, kBatchBudget).empty());
+  EXPECT_FALSE(directory_steps(directory, 1000, kBatchBudget).empty());
+}
+
+TEST(DirectorySteps, EveryStepCreatesAtLeastOneDirectory) {
+  EXPECT_EQ(directory_steps("/a/b/c", 0, 1), (std::vector<std::size_t>{1, 2}));
 }
 
 }  // namespace

@@ -1,11 +1,15 @@
-"""Removal of trees too large for one request's replies.
+"""Work too large for the replies of one request: removals of large trees,
+and uploads below long chains of new directories.
 
 libcurl 7.88.1 (Debian 12) counts the server's replies to a request's
-pre-transfer commands against its 300 KiB limit on one request's replies,
-which a removal of some nine thousand short entries, or far fewer long ones,
-reaches.  There brindle sends the deletions in batches, each its own request
-on the same connection; libcurl 8.14 (Debian 13) takes them all in one.
-batches.py says what the server must receive either way.
+pre-transfer commands, and to the "MKD"s of the directories it creates,
+against its 300 KiB limit on one request's replies, which a removal of some
+nine thousand short entries (or far fewer long ones) reaches, and so does
+an upload that creates 600 levels of directories, whose "MKD" replies echo
+ever longer paths.  There brindle sends the deletions in batches, each its
+own request on the same connection, and creates such a chain in steps;
+libcurl 8.14 (Debian 13) does each in one request.  batches.py says what
+the server must receive either way.
 
 The daemons' tests remove 20,000 entries with long names, so that the
 replies are long (Pure-FTPd echoes the path in each).  The scripted server's
@@ -21,6 +25,7 @@ import batches
 from checks import assert_failed, assert_ok
 from ftptest import DIR, named, snapshot
 from test_remove import deletion_runs, sessions_of
+from test_upload import make_local
 
 
 def remove(brindle, server, remote, *flags, counted=None, timeout=300):
@@ -229,3 +234,104 @@ def test_retry_meets_what_the_failed_attempt_deleted(brindle, scripted):
     for _, arg in second[2:-1]:
         left[arg[1:]] = b""
     assert snapshot(scripted.root) == left
+
+
+# ------------------------------------- uploads below deep new directories
+
+# 180 levels of nine bytes (1,800 bytes): the scripted server (pyftpdlib)
+# echoes the new path in its replies to both "MKD" and "CWD", so creating
+# them all in one request overruns libcurl 7.88's limit, while every server
+# copes with the depth itself.
+CHAIN = ["abcdefghi"] * 180
+# 1,333 levels of "ab": 3,999 bytes, as deep as a path of 4,000 bytes gets
+# with names of two bytes. vsftpd's "MKD" replies echo the path (its "CWD"
+# replies do not), which libcurl 7.88 takes in steps of some 170 levels.
+DEEP_CHAIN = ["ab"] * 1333
+
+
+def upload_deep(brindle, server, account, chain, counted=None):
+    make_local(brindle.workdir, "f.txt", b"deep")
+    env = {} if counted is None else {
+        batches.VARIABLE: "counted" if counted else "uncounted"}
+    return brindle.run("--upload", "--local-user", account.name,
+                       "--local-path", "f.txt",
+                       "--remote-path", "/" + "/".join(chain) + "/f.txt",
+                       *server.args(), env=env, timeout=120)
+
+
+def assert_deep_file(server, chain):
+    assert (server.path("/".join(chain)) / "f.txt").read_bytes() == b"deep"
+    assert [p.name for p in server.root.iterdir()] == [chain[0]]
+
+
+def requests_of(commands):
+    """The commands split into requests: each request on the kept
+    connection starts by returning to the login directory, "CWD /"."""
+    requests = [[]]
+    for command in commands:
+        if command == ("CWD", "/"):
+            requests.append([])
+        requests[-1].append(command)
+    return requests
+
+
+@pytest.mark.parametrize("counted", [True, False],
+                         ids=["replies-counted", "replies-uncounted"])
+def test_upload_below_a_deep_new_chain(brindle, scripted, local_account,
+                                       counted):
+    result = upload_deep(brindle, scripted, local_account, CHAIN, counted)
+
+    commands = scripted.commands()
+    if batches.COUNTED and not counted:
+        # The libcurl in use does count the replies: without the steps the
+        # one request overruns its limit, after creating part of the chain.
+        assert result.status == 1, result
+        assert result.stdout == b""
+        assert result.stderr.startswith(
+            b"Unable to perform request for '%s/abcdefghi/" %
+            url(scripted).encode()), result
+        assert 0 < len(named(commands, "MKD")) < len(CHAIN)
+        assert named(commands, "STOR") == []
+        return
+    assert_ok(result)
+    assert_deep_file(scripted, CHAIN)
+    # Every directory created once, the file stored once, on one login.
+    assert named(commands, "MKD") == [("MKD", "abcdefghi")] * len(CHAIN)
+    assert named(commands, "STOR") == [("STOR", "f.txt")]
+    assert named(commands, "USER") == [("USER", scripted.user)]
+    # Each step is a request of its own that enters the chain, creates the
+    # next levels and transfers nothing; the last request creates the rest
+    # and stores the file.
+    steps = batches.directory_steps(CHAIN, counted=counted)
+    assert bool(steps) == counted
+    requests = requests_of(commands)
+    assert [len(named(r, "MKD")) for r in requests] == [
+        b - a for a, b in zip([0] + steps, steps + [len(CHAIN)])]
+    assert [len(named(r, "STOR", "LIST", "RETR", "SIZE")) for r in
+            requests] == [0] * len(steps) + [1]
+
+
+@pytest.mark.parametrize("kind, chain", [
+    ("vsftpd", CHAIN), ("proftpd", CHAIN), ("pureftpd", CHAIN),
+    ("vsftpd", DEEP_CHAIN)], ids=["vsftpd", "proftpd", "pureftpd",
+                                  "vsftpd-4000-bytes"])
+def test_upload_below_a_deep_new_chain_on_daemons(brindle, start_server,
+                                                  local_account, kind,
+                                                  chain):
+    server = start_server(kind)
+    try:
+        result = upload_deep(brindle, server, local_account, chain)
+
+        assert_ok(result)
+        assert_deep_file(server, chain)
+        server.wait_idle()
+        commands = server.commands()
+        assert len(named(commands, "MKD")) == len(chain)
+        assert len(named(commands, "STOR")) == 1
+        assert named(commands, "USER") == [("USER", server.user)]
+        # The requests: the steps of batches.py where libcurl counts the
+        # replies, one otherwise.
+        steps = batches.directory_steps(chain)
+        assert len(requests_of(commands)) == len(steps) + 1
+    finally:
+        server.stop()
