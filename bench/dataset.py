@@ -80,6 +80,19 @@ def clear(path):
         path.unlink()
 
 
+def fresh_dir(path, account):
+    """`path` as a new empty directory owned by `account`."""
+    clear(path)
+    path.mkdir()
+    account.chown(path)
+
+
+def fresh_copy(source, target):
+    """`target` as a new copy of the tree `source` (cp -a)."""
+    clear(target)
+    subprocess.run(["cp", "-a", str(source), str(target)], check=True)
+
+
 def make_data(rig, sizes):
     """Writes the server's data (big.bin, the small, medium and huge trees,
     the empty up/ and rm/), the local upload sources (src/, hard links to

@@ -11,7 +11,8 @@ import subprocess
 import sys
 from pathlib import Path
 
-from measure import TOOLS, fmt_ratio, median, paired_ratio
+from measure import (TOOLS, fmt_ratio, median, paired_ratio,
+                     per_entry_ms)
 from serverlog import STALL_SECONDS
 from targets import targets
 
@@ -126,22 +127,9 @@ def write_report(runner, sizes, stamp, md_path, png_path, started,
         "| Logins | Data conns | 1 s stalls |")
     add("|---|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|")
     for key in keys:
-        samples = runner.results[key]
         for tool in TOOLS:
-            ss = samples[tool]
-            row = [runner.titles[key] if tool == "brindle" else "", tool,
-                   "%.3f" % median([s.wall for s in ss]),
-                   "%.3f" % median([s.cpu for s in ss]),
-                   "%.1f" % (median([s.rss_kib for s in ss]) / 1024.0)]
-            if tool == "brindle":
-                row += ["", "", ""]
-            else:
-                row += [fmt_ratio(paired_ratio(samples, tool, a))
-                        for a in ("wall", "cpu", "rss_kib")]
-            users, data = runner.logins.get(key, {}).get(tool, ("", ""))
-            row += [str(users), str(data),
-                    "%g" % median([s.stalls for s in ss])]
-            add("| " + " | ".join(row) + " |")
+            add(result_row(runner, key, runner.titles[key], tool,
+                           ("wall", "cpu", "rss_kib")))
     add("")
     add("Logins are the `USER` commands and data connections the `PASV`/"
         "`EPSV`/`PORT`/`EPRT` commands in vsftpd's log for one run of each "
@@ -172,12 +160,7 @@ def write_report(runner, sizes, stamp, md_path, png_path, started,
     add("Why a target is missed, with the profiles behind it: "
         "[bench/README.md](../bench/README.md).")
     add("")
-    add("## Workloads")
-    add("")
-    add("| Key | brindle | curl | lftp |")
-    add("|---|---|---|---|")
-    for w in WORKLOAD_DOC:
-        add("| %s |" % " | ".join(w))
+    lines += workload_lines(WORKLOAD_DOC)
     add("")
     add("## How to run")
     add("")
@@ -196,6 +179,34 @@ def write_report(runner, sizes, stamp, md_path, png_path, started,
         "`BENCH_OUTPUT` names another report file.")
     add("")
     write_with_kept(md_path, lines)
+
+
+def result_row(runner, key, title, tool, ratios, entries=None):
+    """The results table's row of one tool in workload `key`: medians of
+    wall time (and, given `entries`, wall time per entry), CPU time and
+    peak RSS, brindle's ratios to the tool in the attributes `ratios`,
+    logins, data connections and stalls."""
+    samples = runner.results[key]
+    ss = samples[tool]
+    row = [title if tool == "brindle" else "", tool,
+           "%.3f" % median([s.wall for s in ss])]
+    if entries is not None:
+        row.append("%.4f" % per_entry_ms(ss, entries))
+    row += ["%.3f" % median([s.cpu for s in ss]),
+            "%.1f" % (median([s.rss_kib for s in ss]) / 1024.0)]
+    if tool == "brindle":
+        row += [""] * len(ratios)
+    else:
+        row += [fmt_ratio(paired_ratio(samples, tool, a)) for a in ratios]
+    users, data = runner.logins.get(key, {}).get(tool, ("", ""))
+    row += [str(users), str(data), "%g" % median([s.stalls for s in ss])]
+    return "| " + " | ".join(row) + " |"
+
+
+def workload_lines(doc):
+    """The Workloads section: a table of (key, brindle, curl, lftp) rows."""
+    return ["## Workloads", "", "| Key | brindle | curl | lftp |",
+            "|---|---|---|---|"] + ["| %s |" % " | ".join(w) for w in doc]
 
 
 def stamp_lines(stamp):

@@ -5,8 +5,9 @@ targets, and how to run it. Like report.write_report() it keeps what follows
 the KEPT_MARKER line in the existing file.
 """
 
-from measure import TOOLS, fmt_ratio, median, paired_ratio, per_entry_ms
-from report import stamp_lines, target_lines, write_with_kept
+from measure import TOOLS, fmt_ratio, median, per_entry_ms
+from report import (result_row, stamp_lines, target_lines, workload_lines,
+                    write_with_kept)
 from scale_workloads import CURL_LOOP_MAX, FAMILIES
 from serverlog import STALL_SECONDS
 from targets import FLAT_GROWTH, scale_targets
@@ -94,25 +95,10 @@ def write_scale_report(runner, planned, sizes, stamp, md_path, png_path,
         "| Logins | Data conns | 1 s stalls |")
     add("|---|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|")
     for w in ran:
-        samples = r[w.key]
         for tool in TOOLS:
-            if tool not in samples:
-                continue
-            ss = samples[tool]
-            row = [w.title if tool == "brindle" else "", tool,
-                   "%.3f" % median([s.wall for s in ss]),
-                   "%.4f" % per_entry_ms(ss, w.entries),
-                   "%.3f" % median([s.cpu for s in ss]),
-                   "%.1f" % (median([s.rss_kib for s in ss]) / 1024.0)]
-            if tool == "brindle":
-                row += ["", ""]
-            else:
-                row += [fmt_ratio(paired_ratio(samples, tool, a))
-                        for a in ("wall", "rss_kib")]
-            users, data = runner.logins.get(w.key, {}).get(tool, ("", ""))
-            row += [str(users), str(data),
-                    "%g" % median([s.stalls for s in ss])]
-            add("| " + " | ".join(row) + " |")
+            if tool in r[w.key]:
+                add(result_row(runner, w.key, w.title, tool,
+                               ("wall", "rss_kib"), w.entries))
     add("")
     add("Logins and data connections are counted in vsftpd's log for one "
         "run of each tool; 1 s stalls are the passive-mode replies after "
@@ -126,12 +112,7 @@ def write_scale_report(runner, planned, sizes, stamp, md_path, png_path,
     add("")
     lines += target_lines(scale_targets(runner, planned))
     add("")
-    add("## Workloads")
-    add("")
-    add("| Key | brindle | curl | lftp |")
-    add("|---|---|---|---|")
-    for w in SCALE_WORKLOAD_DOC:
-        add("| %s |" % " | ".join(w))
+    lines += workload_lines(SCALE_WORKLOAD_DOC)
     add("")
     add("The curl loop runs up to {:,} entries only. With libcurl 7.88 "
         "(Debian 12) it waits one second before many of its data "

@@ -7,9 +7,8 @@ them all; the curl loop (workloads.py) only up to CURL_LOOP_MAX entries.
 """
 
 import shlex
-import subprocess
 
-from dataset import clear
+from dataset import fresh_copy, fresh_dir
 from workloads import (FETCH_DIR_LOOP, FETCH_TREE_LOOP, REMOVE_DIR_LOOP,
                        REMOVE_TREE_LOOP, SEND_TREE_LOOP, Commands, Workload,
                        check_gone, check_lines, check_tree)
@@ -73,21 +72,14 @@ def scale_workloads(brindle, rig, sizes, entries):
         pass
 
     def fresh_out(tool):
-        clear(out)
-        out.mkdir()
-        account.chown(out)
+        fresh_dir(out, account)
 
     def fresh_up(tool):
-        clear(root / "up")
-        (root / "up").mkdir()
-        account.chown(root / "up")
+        fresh_dir(root / "up", account)
 
     def fresh_rm(shape):
-        def prepare(tool):
-            clear(root / "rm" / shape)
-            subprocess.run(["cp", "-a", str(root / top / shape),
-                            str(root / "rm" / shape)], check=True)
-        return prepare
+        return lambda tool: fresh_copy(root / top / shape,
+                                       root / "rm" / shape)
 
     def listing(shape, count, last):
         """The contents of /sN/SHAPE by NLST, and the last of them by a

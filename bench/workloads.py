@@ -6,12 +6,11 @@ busy (runner.BusyLoop).
 """
 
 import shlex
-import subprocess
 from pathlib import Path
 
 import ftptest
 
-from dataset import clear, tree_summary
+from dataset import fresh_copy, fresh_dir, tree_summary
 
 
 class Workload(object):
@@ -169,19 +168,13 @@ def workloads(brindle, rig, sizes):
     huge_last = sizes.huge_last
 
     def fresh_out(tool):
-        clear(out)
-        out.mkdir()
-        account.chown(out)
+        fresh_dir(out, account)
 
     def fresh_up(tool):
-        clear(root / "up")
-        (root / "up").mkdir()
-        account.chown(root / "up")
+        fresh_dir(root / "up", account)
 
     def fresh_rm(tool):
-        clear(root / "rm" / "small")
-        subprocess.run(["cp", "-a", str(root / "small"),
-                        str(root / "rm" / "small")], check=True)
+        fresh_copy(root / "small", root / "rm" / "small")
 
     q = shlex.quote
 
