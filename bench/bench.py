@@ -15,7 +15,7 @@ its pid), keeps one core of the machine busy.
 BENCH_SUITE=scale runs the scale suite instead: trees and directories of
 1,000, 10,000 and 100,000 entries (BENCH_ENTRIES), listed, downloaded,
 uploaded and removed, reported by default in docs/benchmarks-scale.md after
-each entry count.
+each workload.
 
 Environment: BENCH_SUITE (main or scale, default main), BENCH_RUNS (rounds
 per workload, default 5, in the scale suite 1), BENCH_SCALE (data size
@@ -31,6 +31,7 @@ runner, measure, serverlog, report, scale_report, targets and chart.
 
 import argparse
 import os
+import signal
 import sys
 import time
 from pathlib import Path
@@ -58,6 +59,8 @@ def main():
     if os.geteuid() != 0:
         sys.exit("bench.py: run as root (it creates a local account and "
                  "starts vsftpd)")
+    # Stopped by its pid, it still removes the account, server and data.
+    signal.signal(signal.SIGTERM, lambda signum, frame: sys.exit(143))
     suite = os.environ.get("BENCH_SUITE", "main")
     if suite not in ("main", "scale"):
         sys.exit("bench.py: BENCH_SUITE is main or scale, not %r" % suite)
@@ -104,8 +107,8 @@ def main():
 def run_scale(brindle, rig, runner, sizes, stamp, md_path, png_path,
               started):
     """The scale suite: the workloads of each entry count in turn, the
-    report and chart written again after each count and after a failure,
-    so that what was measured before it is kept."""
+    report and chart written again after each workload and after a failure
+    or SIGTERM, so that what was measured before it is kept."""
     try:
         rig.start()
         make_scale_data(rig, sizes)
@@ -115,9 +118,9 @@ def run_scale(brindle, rig, runner, sizes, stamp, md_path, png_path,
             planned = [w for w in planned
                        if {w.key, w.family} & set(runner.only)]
         md_path.parent.mkdir(parents=True, exist_ok=True)
-        for n in sizes.entries:
+        for w in planned:
             try:
-                runner.run([w for w in planned if w.size == n])
+                runner.run([w])
             finally:
                 finished = time.strftime("%H:%M", time.gmtime())
                 write_scale_chart(runner, planned, rig.work, png_path)

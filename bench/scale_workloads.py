@@ -29,10 +29,10 @@ FAMILIES = [
     ("list-tree-entry", "list one directory of a tree's top (N/100 "
      "directories)"),
     ("download-tree", "recursive download, N files in N/100 directories"),
-    ("download-flat", "recursive download, a directory of N files"),
     ("upload-tree", "recursive upload, N files in N/100 directories"),
-    ("upload-flat", "recursive upload, a directory of N files"),
     ("remove-tree", "recursive remove, N files in N/100 directories"),
+    ("download-flat", "recursive download, a directory of N files"),
+    ("upload-flat", "recursive upload, a directory of N files"),
     ("remove-flat", "recursive remove, a directory of N files"),
 ]
 
