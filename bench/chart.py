@@ -1,9 +1,10 @@
-"""The gnuplot chart beside the report: median wall time and peak RSS per
-workload and tool, on log scales."""
+"""The gnuplot charts beside the reports: median wall time and peak RSS per
+workload and tool, on log scales (write_chart), and for the scale suite per
+entry count (write_scale_chart)."""
 
 import subprocess
 
-from measure import TOOLS, median
+from measure import TOOLS, median, per_entry_ms
 
 SCRIPT = """
 set terminal pngcairo size 1200,900 font ",10"
@@ -43,4 +44,54 @@ def write_chart(runner, work, png_path):
             f.write('"%s" %s %s\n' % (key, " ".join("%.4f" % w for w in walls),
                                       " ".join("%.2f" % m for m in rss)))
     script = SCRIPT.format(png=png_path, data=data, runs=runner.runs)
+    subprocess.run(["gnuplot"], input=script.encode(), check=True)
+
+
+SCALE_SCRIPT = """
+set terminal pngcairo size 1200,900 font ",10"
+set output '{png}'
+set multiplot layout 2,1 title "brindle (solid) and lftp (dashed) against vsftpd on 127.0.0.1, by entry count"
+set logscale xy
+set grid xtics ytics
+set key outside right
+set xlabel "entries"
+set ylabel "wall time per entry (ms, log scale)"
+plot for [i=0:{last}] '{data}' index i using 1:2 with linespoints \\
+     lc int(i / 2 + 1) dt int(i % 2 + 1) title columnheader(1)
+set ylabel "peak RSS (MiB, log scale)"
+plot for [i=0:{last}] '{data}' index i using 1:3 with linespoints \\
+     lc int(i / 2 + 1) dt int(i % 2 + 1) title columnheader(1)
+unset multiplot
+"""
+
+
+def write_scale_chart(runner, planned, work, png_path):
+    """Draws png_path for the scale suite: per transfer family (download,
+    upload, remove), brindle's and lftp's wall time per entry and peak RSS
+    against the entry count. The data file goes into the folder `work`."""
+    blocks = []
+    families = []
+    for w in planned:
+        if w.family.startswith(("download", "upload", "remove")) and \
+                w.family not in families:
+            families.append(w.family)
+    for family in families:
+        ran = [w for w in planned
+               if w.family == family and w.key in runner.results]
+        if not ran:
+            continue
+        for tool in ("brindle", "lftp"):
+            rows = ['"%s %s"' % (family, tool)]
+            for w in ran:
+                ss = runner.results[w.key][tool]
+                rows.append("%d %.6f %.2f" % (
+                    w.entries, per_entry_ms(ss, w.entries),
+                    median([s.rss_kib for s in ss]) / 1024.0))
+            blocks.append("\n".join(rows))
+    if not blocks:
+        return
+    data = work / "scale-chart.dat"
+    data.write_text("\n\n\n".join(blocks) + "\n")
+    script = SCALE_SCRIPT.format(png=png_path, data=data,
+                                 last=len(blocks) - 1)
     subprocess.run(["gnuplot"], input=script.encode(), check=True)

@@ -1,7 +1,8 @@
 """The data the workloads move, and the helpers that make, reset and check
 it. Sizes holds the sizes, scaled by BENCH_SCALE for smoke runs; make_data()
 writes them into the server's root and links them as the local upload
-sources.
+sources. ScaleSizes and make_scale_data() do the same for the scale suite
+(BENCH_SUITE=scale): trees and directories of 1,000 to 100,000 entries.
 """
 
 import os
@@ -48,11 +49,11 @@ def write_file(path, size, chunk=None):
 
 def make_tree(root, dirs, files, size):
     """`files` files of `size` bytes spread evenly over `dirs` directories:
-    root/dNN/fNNNN."""
+    root/dNN/fNNNN; with `dirs` 0, all of them in root itself."""
     block = os.urandom(size) if size else b""
     root.mkdir(parents=True)
     for i in range(files):
-        d = root / ("d%02d" % (i % dirs))
+        d = root / ("d%02d" % (i % dirs)) if dirs else root
         d.mkdir(exist_ok=True)
         (d / ("f%04d" % i)).write_bytes(block)
 
@@ -79,6 +80,19 @@ def clear(path):
         path.unlink()
 
 
+def fresh_dir(path, account):
+    """`path` as a new empty directory owned by `account`."""
+    clear(path)
+    path.mkdir()
+    account.chown(path)
+
+
+def fresh_copy(source, target):
+    """`target` as a new copy of the tree `source` (cp -a)."""
+    clear(target)
+    subprocess.run(["cp", "-a", str(source), str(target)], check=True)
+
+
 def make_data(rig, sizes):
     """Writes the server's data (big.bin, the small, medium and huge trees,
     the empty up/ and rm/), the local upload sources (src/, hard links to
@@ -98,13 +112,55 @@ def make_data(rig, sizes):
     (root / "up").mkdir()
     (root / "rm").mkdir()
     chown_tree(root, uid, gid)
-    # The upload sources: hard links to the same data on the local side.
+    make_local_side(rig, ["small", "big.bin"])
+
+
+def make_local_side(rig, names):
+    """The local upload sources, src/NAME for each of `names` in the
+    server's root (hard links to the same data), and the empty download
+    target out/, all owned by the account."""
+    root = rig.server.root
     src = rig.local / "src"
     src.mkdir()
-    subprocess.run(["cp", "-al", str(root / "small"), str(src / "small")],
-                   check=True)
-    os.link(str(root / "big.bin"), str(src / "big.bin"))
-    chown_tree(src, uid, gid)
+    for name in names:
+        subprocess.run(["cp", "-al", str(root / name), str(src / name)],
+                       check=True)
+    chown_tree(src, rig.account.uid, rig.account.gid)
     out = rig.local / "out"
     out.mkdir()
     rig.account.chown(out)
+
+
+class ScaleSizes(object):
+    """The entry counts of the scale workloads: `entries` (each scaled by
+    `scale`, at least 10), every count as a tree of files in one directory
+    per FILES_PER_DIR files and as one directory holding them all."""
+
+    ENTRIES = (1000, 10000, 100000)
+    FILES_PER_DIR = 100
+
+    def __init__(self, scale, entries=ENTRIES):
+        self.scale = scale
+        self.entries = sorted(set(max(10, int(n * scale)) for n in entries))
+        self.file_size = KiB
+
+    def tree_dirs(self, entries):
+        return max(1, entries // self.FILES_PER_DIR)
+
+
+def make_scale_data(rig, sizes):
+    """Writes, for every entry count N, /sN/tree (N files in
+    sizes.tree_dirs(N) directories) and /sN/flat (N files in one directory)
+    into the server's root, the empty up/ and rm/ beside them, the local
+    upload sources (src/sN, hard links to the same files) and the empty
+    download target (out/)."""
+    root = rig.server.root
+    print("generating data in %s" % root, flush=True)
+    for n in sizes.entries:
+        top = root / ("s%d" % n)
+        make_tree(top / "tree", sizes.tree_dirs(n), n, sizes.file_size)
+        make_tree(top / "flat", 0, n, sizes.file_size)
+    (root / "up").mkdir()
+    (root / "rm").mkdir()
+    chown_tree(root, rig.account.uid, rig.account.gid)
+    make_local_side(rig, ["s%d" % n for n in sizes.entries])

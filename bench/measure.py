@@ -1,8 +1,8 @@
 """Timing one run of a tool, and the statistics over a workload's runs.
 
 measure() runs a command under GNU time and returns its Sample; median(),
-paired_ratio() and fmt_ratio() turn the samples of the rounds into the
-figures of the report and the targets.
+paired_ratio(), per_entry_ms() and fmt_ratio() turn the samples of the
+rounds into the figures of the reports and the targets.
 """
 
 import os
@@ -58,6 +58,11 @@ def paired_ratio(samples, peer, attr):
     mine = [getattr(s, attr) for s in samples["brindle"]]
     theirs = [getattr(s, attr) for s in samples[peer]]
     return median([a / b for a, b in zip(mine, theirs) if b > 0])
+
+
+def per_entry_ms(samples, entries):
+    """Median wall time of the samples divided by `entries`, in ms."""
+    return median([s.wall for s in samples]) / entries * 1000.0
 
 
 def fmt_ratio(value):

@@ -2,9 +2,11 @@
 # Benchmarks brindle against the curl command-line tool and lftp on a local
 # vsftpd: installs what is missing, builds brindle in Release mode in
 # build-bench/, and runs bench/bench.py, which writes docs/benchmarks.md and
-# docs/benchmarks.png. Run as root (it creates and removes a throwaway local
-# account and its own vsftpd). BENCH_RUNS, BENCH_SCALE, BENCH_WARMUP,
-# BENCH_ONLY and BENCH_OUTPUT tune a run; see bench/bench.py.
+# docs/benchmarks.png (with BENCH_SUITE=scale, the scale suite:
+# docs/benchmarks-scale.md and .png). Run as root (it creates and removes a
+# throwaway local account and its own vsftpd). BENCH_SUITE, BENCH_RUNS,
+# BENCH_SCALE, BENCH_WARMUP, BENCH_ONLY, BENCH_ENTRIES and BENCH_OUTPUT tune
+# a run; see bench/bench.py.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # shellcheck source=scripts/packages.sh

@@ -7,6 +7,7 @@ its lines with whole seconds only, so a LogClock thread stamps each line
 with the time it first saw it.
 """
 
+import bisect
 import re
 import threading
 import time
@@ -34,13 +35,14 @@ def count_stalls(events):
     STALL_SECONDS or more to send its next command, from (time, "command"
     or "response", text) events."""
     stalls = 0
-    for i, (stamp, kind, text) in enumerate(events):
-        if kind != "response" or not text.startswith(("227 ", "229 ")):
-            continue
-        for later_stamp, later_kind, _ in events[i + 1:]:
-            if later_kind == "command":
-                stalls += later_stamp - stamp >= STALL_SECONDS
-                break
+    waiting = []    # the times of the replies not yet followed by a command
+    for stamp, kind, text in events:
+        if kind == "command":
+            stalls += sum(1 for replied in waiting
+                          if stamp - replied >= STALL_SECONDS)
+            waiting = []
+        elif text.startswith(("227 ", "229 ")):
+            waiting.append(stamp)
     return stalls
 
 
@@ -114,7 +116,9 @@ class LogClock(object):
         response logged from byte offset on."""
         self.read()
         with self.lock:
-            lines = [(t, text) for at, t, text in self.lines if at >= offset]
+            first = bisect.bisect_left(self.lines, offset,
+                                       key=lambda line: line[0])
+            lines = [(t, text) for _, t, text in self.lines[first:]]
         events = []
         for stamp, line in lines:
             m = LOG_EVENT.match(line)

@@ -1,8 +1,9 @@
-"""The targets brindle is held to, checked against what a run measured.
-The report prints them as a table and bench.py as lines at the end of a
-run."""
+"""The targets brindle is held to, checked against what a run measured:
+targets() for the main suite, scale_targets() for the scale suite. The
+reports print them as a table and bench.py as lines at the end of a run."""
 
-from measure import TOOLS, fmt_ratio, median, paired_ratio
+from measure import (TOOLS, fmt_ratio, median, paired_ratio,
+                     per_entry_ms)
 
 
 def targets(runner):
@@ -71,4 +72,65 @@ def targets(runner):
                           med("list-entry", "curl", "wall"))))
         found.append(("list-entry: peak RSS < 64 MiB", "%.1f MiB" % rss,
                       rss < 64, ""))
+    return found
+
+
+# The scale suite: the largest growth of brindle's cost per entry, from the
+# smallest entry count to the largest, that still counts as flat (the
+# machine's noise; fixed costs such as the login only make it fall).
+FLAT_GROWTH = 1.25
+
+
+def scale_targets(runner, planned):
+    """(target, measured, met, note) for the scale suite, from the
+    workloads `planned` (scale_workloads.scale_workloads(), every entry
+    count): every command completes at the largest count; per family,
+    brindle's cost per entry stays flat, its wall time is at most lftp's
+    (download, upload, remove) and its peak RSS at most lftp's."""
+    r = runner.results
+    largest = max(w.size for w in planned)
+    at_largest = [w for w in planned if w.size == largest]
+    done = [w for w in at_largest if w.key in r]
+    found = [("every command completes at %d entries" % largest,
+              "%d of %d" % (len(done), len(at_largest)),
+              len(done) == len(at_largest),
+              ", ".join("%s not run or failed" % w.key
+                        for w in at_largest if w.key not in r))]
+    families = []
+    for w in planned:
+        if w.family not in families:
+            families.append(w.family)
+    for family in families:
+        ran = [w for w in planned if w.family == family and w.key in r]
+        if not ran:
+            continue
+
+        def ratios(attr):
+            return [(w.size, paired_ratio(r[w.key], "lftp", attr))
+                    for w in ran]
+
+        def shown(pairs):
+            return ", ".join("%d: %s" % (n, fmt_ratio(v)) for n, v in pairs)
+        if len(ran) > 1:
+            costs = [per_entry_ms(r[w.key]["brindle"], w.entries)
+                     for w in ran]
+            growth = costs[-1] / costs[0]
+            found.append((
+                "%s: brindle's cost per entry flat, %d to %d entries "
+                "(growth <= %.2f)" % (family, ran[0].size, ran[-1].size,
+                                      FLAT_GROWTH),
+                fmt_ratio(growth), growth <= FLAT_GROWTH,
+                "ms per entry: " + ", ".join(
+                    "%d: %.4f" % (w.size, c) for w, c in zip(ran, costs))))
+        if family.startswith(("download", "upload", "remove")):
+            wall = ratios("wall")
+            found.append(("%s: wall <= 1.00x lftp" % family, shown(wall),
+                          all(v <= 1.00 for _, v in wall), ""))
+        rss = ratios("rss_kib")
+        found.append(("%s: peak RSS <= lftp's" % family, shown(rss),
+                      all(v <= 1.00 for _, v in rss),
+                      "brindle %s MiB, lftp %s MiB" % tuple(
+                          ", ".join("%.1f" % (median(
+                              [s.rss_kib for s in r[w.key][tool]]) / 1024.0)
+                              for w in ran) for tool in ("brindle", "lftp"))))
     return found

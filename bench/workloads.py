@@ -6,12 +6,11 @@ busy (runner.BusyLoop).
 """
 
 import shlex
-import subprocess
 from pathlib import Path
 
 import ftptest
 
-from dataset import clear, tree_summary
+from dataset import fresh_copy, fresh_dir, tree_summary
 
 
 class Workload(object):
@@ -21,6 +20,7 @@ class Workload(object):
     def __init__(self, key, title, commands, prepare, check, logins=False,
                  loaded=False):
         self.key, self.title = key, title
+        self.family = key             # BENCH_ONLY picks by key or family
         self.commands = commands      # tool -> argv
         self.prepare = prepare        # tool -> None
         self.check = check            # (tool, stdout path) -> None
@@ -76,7 +76,8 @@ class Commands(object):
         return ["bash", "-c", head + body]
 
 
-# The curl loops, as bash bodies for Commands.curl_loop().
+# The curl loops, as bash bodies for Commands.curl_loop(). A tree is a
+# directory of directories of files; a directory (DIR loops) holds files.
 FETCH_TREE_LOOP = """
 args=()
 for d in $(curl -sS --user "$cred" --list-only "$base/{tree}/"); do
@@ -86,21 +87,36 @@ for d in $(curl -sS --user "$cred" --list-only "$base/{tree}/"); do
 done
 cd {out} && curl -sS --user "$cred" --create-dirs "${{args[@]}}"
 """
+FETCH_DIR_LOOP = """
+args=()
+for f in $(curl -sS --user "$cred" --list-only "$base/{tree}/"); do
+  args+=(-o "{tree}/$f" "$base/{tree}/$f")
+done
+cd {out} && curl -sS --user "$cred" --create-dirs "${{args[@]}}"
+"""
+# A tree or a directory, uploaded to /up.
 SEND_TREE_LOOP = """
 args=()
 cd {src}
-for f in $(find small -type f); do args+=(-T "$f" "$base/up/$f"); done
+for f in $(find {tree} -type f); do args+=(-T "$f" "$base/up/$f"); done
 curl -sS --user "$cred" --ftp-create-dirs "${{args[@]}}"
 """
 REMOVE_TREE_LOOP = """
 quote=()
-for d in $(curl -sS --user "$cred" --list-only "$base/rm/small/"); do
-  for f in $(curl -sS --user "$cred" --list-only "$base/rm/small/$d/"); do
-    quote+=(-Q "DELE /rm/small/$d/$f")
+for d in $(curl -sS --user "$cred" --list-only "$base/{tree}/"); do
+  for f in $(curl -sS --user "$cred" --list-only "$base/{tree}/$d/"); do
+    quote+=(-Q "DELE /{tree}/$d/$f")
   done
-  quote+=(-Q "RMD /rm/small/$d")
+  quote+=(-Q "RMD /{tree}/$d")
 done
-curl -sS --user "$cred" "${{quote[@]}}" -Q "RMD /rm/small" -o /dev/null "$base/"
+curl -sS --user "$cred" "${{quote[@]}}" -Q "RMD /{tree}" -o /dev/null "$base/"
+"""
+REMOVE_DIR_LOOP = """
+quote=()
+for f in $(curl -sS --user "$cred" --list-only "$base/{tree}/"); do
+  quote+=(-Q "DELE /{tree}/$f")
+done
+curl -sS --user "$cred" "${{quote[@]}}" -Q "RMD /{tree}" -o /dev/null "$base/"
 """
 
 
@@ -152,19 +168,13 @@ def workloads(brindle, rig, sizes):
     huge_last = sizes.huge_last
 
     def fresh_out(tool):
-        clear(out)
-        out.mkdir()
-        account.chown(out)
+        fresh_dir(out, account)
 
     def fresh_up(tool):
-        clear(root / "up")
-        (root / "up").mkdir()
-        account.chown(root / "up")
+        fresh_dir(root / "up", account)
 
     def fresh_rm(tool):
-        clear(root / "rm" / "small")
-        subprocess.run(["cp", "-a", str(root / "small"),
-                        str(root / "rm" / "small")], check=True)
+        fresh_copy(root / "small", root / "rm" / "small")
 
     q = shlex.quote
 
@@ -215,7 +225,8 @@ def workloads(brindle, rig, sizes):
                 "--upload", "--recursive", "--local-user", user,
                 "--local-path", str(src / "small"),
                 "--remote-path", "/up/small"),
-             "curl": c.curl_loop(SEND_TREE_LOOP.format(src=q(str(src)))),
+             "curl": c.curl_loop(SEND_TREE_LOOP.format(src=q(str(src)),
+                                                       tree="small")),
              "lftp": c.lftp_cmd("mirror -R %s /up/small"
                                 % q(str(src / "small")))},
             fresh_up,
@@ -250,7 +261,7 @@ def workloads(brindle, rig, sizes):
             % (sizes.small_files, sizes.small_dirs),
             {"brindle": c.brindle_cmd(
                 "--remove", "--recursive", "--remote-path", "/rm/small"),
-             "curl": c.curl_loop(REMOVE_TREE_LOOP.format()),
+             "curl": c.curl_loop(REMOVE_TREE_LOOP.format(tree="rm/small")),
              "lftp": c.lftp_cmd("rm -r /rm/small")},
             fresh_rm, check_gone(root / "rm" / "small"), logins=True),
     ]

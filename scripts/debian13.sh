@@ -27,9 +27,9 @@
 #                                         chart beside it as .png
 #
 # DEBIAN13_MIRROR overrides the mirror; DEBIAN13_STEPS (default "test
-# package bench") chooses what "check" runs. "bench" hands BENCH_RUNS,
-# BENCH_WARMUP, BENCH_SCALE, BENCH_ONLY and BENCH_TMPDIR (a directory in
-# the root) on to bench/run.sh.
+# package bench") chooses what "check" runs. "bench" hands BENCH_SUITE,
+# BENCH_RUNS, BENCH_WARMUP, BENCH_SCALE, BENCH_ONLY, BENCH_ENTRIES and
+# BENCH_TMPDIR (a directory in the root) on to bench/run.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # shellcheck source=scripts/packages.sh
@@ -200,7 +200,7 @@ bench_root() {  # DIR OUTPUT
   chart=${name%.*}.png
   copy_checkout "$dir"
   [ ! -f "$output" ] || cp "$output" "$dir$inside/docs/$name"
-  for setting in RUNS WARMUP SCALE ONLY TMPDIR; do
+  for setting in SUITE RUNS WARMUP SCALE ONLY ENTRIES TMPDIR; do
     setting=BENCH_$setting
     [ -z "${!setting:-}" ] ||
       settings+=("$setting=$(printf %q "${!setting}")")
