@@ -7,12 +7,16 @@ the same connections, on both paths.  Each path is forced with the
 test-only variable BRINDLE_TEST_WAIT_LOOP.
 """
 
+import os
+
 import pytest
 
 import ftptest
 from ftptest import DIR, snapshot
 
 TIMEOUT = 30
+# 2020-01-01 00:00 UTC.
+FIXED_TIME = 1577836800
 
 LOGIN = ["USER tester", "PASS secret", "PWD"]
 
@@ -127,6 +131,10 @@ def prepare(server, account, work):
     server.make_file("rm/x.txt", b"x")
     server.make_file("rm/e/y.txt", b"y")
     server.make_file("rm2/z.txt", b"z")
+    # The long listing shows times to the minute: fixed ones, so that the two
+    # wait paths' runs list the same bytes even across a minute's turn.
+    for rel in ("tree/a.txt", "tree/d"):
+        os.utime(str(server.path(rel)), (FIXED_TIME, FIXED_TIME))
 
 
 def run_everything(brindle, server, account, wait_path):
