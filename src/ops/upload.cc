@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "ftp/command_batches.h"
 #include "ftp/path.h"
@@ -68,19 +69,21 @@ void create_directories_in_steps(FtpClient& client,
   const fs::path directory = remote_path.parent_path();
   const std::optional<std::string>& login = client.login_directory();
   const std::size_t login_length = login ? login->size() : 0;
-  for (const std::size_t levels :
-       directory_steps(directory, login_length, kBatchBudget)) {
-    fs::path leading;
-    std::size_t taken = 0;
-    for (const fs::path& element : directory.relative_path()) {
-      if (element.empty()) continue;
-      if (taken++ == levels) break;
-      leading /= element;
-    }
+  const std::vector<std::size_t> steps =
+      directory_steps(directory, login_length, kBatchBudget);
+  auto next = steps.begin();
+  fs::path leading;
+  std::size_t levels = 0;
+  for (const fs::path& element : directory.relative_path()) {
+    if (next == steps.end()) break;
+    if (element.empty()) continue;
+    leading /= element;
+    if (++levels != *next) continue;
     client.set_option(CURLOPT_FTP_CREATE_MISSING_DIRS, 1L);
     client.set_option(CURLOPT_NOBODY, 1L);
     // A trailing "/": the path names a directory to enter, not a file.
     client.perform(leading / "");
+    ++next;
   }
 }
 
