@@ -46,9 +46,10 @@ debian_mirror() {
     echo http://deb.debian.org/debian/
 }
 
-# What building brindle needs.
+# What building brindle needs (dpkg-dev: dpkg-buildflags, whose hardening
+# flags every build uses).
 BUILD_PACKAGES=(
-  cmake ninja-build g++ pkg-config
+  cmake ninja-build g++ pkg-config dpkg-dev
   libcurl4-openssl-dev libboost-regex-dev libboost-program-options-dev
 )
 # What its tests need on top: GoogleTest, pytest, the FTP servers that do
