@@ -34,7 +34,7 @@ elseif(BRINDLE_DPKG_BUILDFLAGS)
   endif()
   # Debian 13's dpkg adds -fstack-clash-protection on amd64; Debian 12's
   # does not, although its GCC 12 has it. debian/rules asks for it in the
-  # same way (and says why not for -fcf-protection).
+  # same way (and says why not -fcf-protection).
   execute_process(
     COMMAND ${CMAKE_COMMAND} -E env DEB_BUILD_MAINT_OPTIONS=${maint_options}
             ${DPKG_BUILDFLAGS_EXECUTABLE} --get CXXFLAGS
