@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Benchmarks brindle against the curl command-line tool and lftp.
 
-Run by bench/run.sh, as root, after it has built brindle in Release mode.
+Run by bench/run.sh, as root, after it has built brindle with the Debian
+package's compiler and linker flags (dpkg-buildflags, hardening included).
 Creates a throwaway local account and a vsftpd on 127.0.0.1 serving a
 temporary root, generates the data, runs every workload for every tool
 (alternating the tools, several rounds), and writes the medians of wall time,

@@ -42,7 +42,7 @@ def machine_stamp(brindle):
         ("Machine", "%d cores (%s), %.1f GiB memory, Linux %s"
          % (os.cpu_count(), cpu, mem_kib / 1024.0 / 1024.0,
             platform.release())),
-        ("brindle", "%s, Release build (commit %s)" % (
+        ("brindle", "%s, built with the Debian package's flags (commit %s)" % (
             os.path.relpath(brindle, str(REPO)), git)),
         ("curl", command_output(["curl", "--version"]).splitlines()[0]),
         ("lftp", command_output(["lftp", "--version"]).splitlines()[0]
@@ -166,7 +166,8 @@ def write_report(runner, sizes, stamp, md_path, png_path, started,
     add("")
     add("As root on Debian 12, from a clone: `bash bench/run.sh`. It installs "
         "what is missing (`BENCH_PACKAGES` in `scripts/packages.sh`), builds "
-        "`build-bench/brindle` in Release mode, creates a throwaway account, "
+        "`build-bench/brindle` with the Debian package's flags, creates a "
+        "throwaway account, "
         "starts vsftpd on 127.0.0.1, generates about 3 GiB of data under "
         "`/var/tmp`, runs the workloads, rewrites this file and "
         "`docs/benchmarks.png`, and removes the account, server and data. "

@@ -5,7 +5,10 @@
 # git tracks, as they are in the working tree, without build directories),
 # and runs inside it, with chroot, what a user of Debian 13 runs: the test
 # suite (scripts/test.sh), the Debian package round trip
-# (scripts/package.sh) and the benchmark harness at 1% of its data. /proc,
+# (scripts/package.sh: build, lintian, hardening-check, install,
+# autopkgtest, purge), a second build of the package that must be
+# byte-identical (scripts/reproducible.sh) and the benchmark harness at 1%
+# of its data. /proc,
 # /sys and /dev are mounted into the root while the commands run and
 # unmounted afterwards, also after a failure. Run as root.
 #
@@ -27,9 +30,10 @@
 #                                         chart beside it as .png
 #
 # DEBIAN13_MIRROR overrides the mirror; DEBIAN13_STEPS (default "test
-# package bench") chooses what "check" runs. "bench" hands BENCH_SUITE,
-# BENCH_RUNS, BENCH_WARMUP, BENCH_SCALE, BENCH_ONLY, BENCH_ENTRIES and
-# BENCH_TMPDIR (a directory in the root) on to bench/run.sh.
+# package reproducible bench") chooses what "check" runs. "bench" hands
+# BENCH_SUITE, BENCH_RUNS, BENCH_WARMUP, BENCH_SCALE, BENCH_ONLY,
+# BENCH_ENTRIES and BENCH_TMPDIR (a directory in the root) on to
+# bench/run.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # shellcheck source=scripts/packages.sh
@@ -154,7 +158,7 @@ check_root() {  # DIR
   echo "Debian $(cat "$dir/etc/debian_version"), $(
     run_inside "$dir" 'curl-config --version' 2>/dev/null ||
       echo "libcurl unknown")"
-  for step in ${DEBIAN13_STEPS:-test package bench}; do
+  for step in ${DEBIAN13_STEPS:-test package reproducible bench}; do
     started=$SECONDS
     echo
     case $step in
@@ -163,8 +167,17 @@ check_root() {  # DIR
         run_inside "$dir" 'bash scripts/test.sh' && status=0 || status=$?
         ;;
       package)
-        echo "== Debian 13: Debian package: build, install, check, remove"
+        echo "== Debian 13: Debian package: build, lintian, hardening-check, install, autopkgtest, purge"
         run_inside "$dir" 'bash scripts/package.sh' && status=0 || status=$?
+        ;;
+      reproducible)
+        # A second build, compared with the package step's (or two builds
+        # when that step did not run).
+        echo "== Debian 13: reproducible package build"
+        # shellcheck disable=SC2016 # expanded inside the root
+        run_inside "$dir" 'reference=""
+          ! ls build-deb/src/*.deb >/dev/null 2>&1 || reference=build-deb/src
+          bash scripts/reproducible.sh $reference' && status=0 || status=$?
         ;;
       bench)
         echo "== Debian 13: benchmark harness, at 1% of the data and one round"

@@ -46,9 +46,10 @@ debian_mirror() {
     echo http://deb.debian.org/debian/
 }
 
-# What building brindle needs.
+# What building brindle needs (dpkg-dev: dpkg-buildflags, whose hardening
+# flags every build uses).
 BUILD_PACKAGES=(
-  cmake ninja-build g++ pkg-config
+  cmake ninja-build g++ pkg-config dpkg-dev
   libcurl4-openssl-dev libboost-regex-dev libboost-program-options-dev
 )
 # What its tests need on top: GoogleTest, pytest, the FTP servers that do
@@ -67,10 +68,12 @@ TEST_PACKAGES=(
 FUZZ_PACKAGES=(clang libclang-rt-dev)
 # What the manual page, the shell completion and the Debian package need on
 # top: scdoc renders the page, man-db and groff check it, bash-completion
-# drives the completion test, dpkg-dev (dpkg-shlibdeps) and file let CPack
-# compute the package's dependencies, binutils (objdump) checks them.
+# drives the completion test, debhelper builds the package (with dpkg-dev),
+# lintian, devscripts (hardening-check) and binutils (objdump, readelf)
+# check it, autopkgtest runs its end-to-end tests on this machine.
 PACKAGING_PACKAGES=(
-  scdoc man-db groff-base bash-completion dpkg-dev file binutils
+  scdoc man-db groff-base bash-completion dpkg-dev debhelper lintian
+  devscripts autopkgtest binutils
 )
 # Everything the whole test suite needs. The compatibility matrix needs the
 # ProFTPD and Pure-FTPd binaries and their runtime libraries too: the
@@ -89,3 +92,9 @@ BENCH_PACKAGES=(
 # What .ci/run needs on top: mmdebstrap builds the Debian 13 root that the
 # suite runs in after the Debian 12 stages.
 CI_PACKAGES=(mmdebstrap)
+
+# Installs what debian/control's Build-Depends name and this machine lacks
+# (run from the top of the checkout).
+install_build_depends() {
+  dpkg-checkbuilddeps >/dev/null 2>&1 || apt_get_quietly build-dep ./
+}
