@@ -8,9 +8,12 @@
 #   bash scripts/fuzz.sh [SECONDS [TARGET...]]
 #
 # SECONDS defaults to 60; TARGET is one of remote_entry, remote_listing, path,
-# request_url (default: all four). New inputs that the fuzzers find are kept
-# in build-fuzz/corpus/TARGET; the checked-in seeds in tests/fuzz/corpus are
-# only read. FUZZ_JOBS (default 2) is how many targets run at once.
+# request_url, list_command, download_command, remove_command,
+# upload_command (default: all eight). New inputs that the fuzzers find are
+# kept in build-fuzz/corpus/TARGET; the checked-in seeds in
+# tests/fuzz/corpus are only read (the four command targets share
+# tests/fuzz/corpus/command and tests/fuzz/command.dict). FUZZ_JOBS
+# (default 2) is how many targets run at once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/packages.sh
@@ -18,7 +21,9 @@ source scripts/packages.sh
 seconds=${1:-60}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(remote_entry remote_listing path request_url)
+[ ${#targets[@]} -gt 0 ] ||
+  targets=(remote_entry remote_listing path request_url
+    list_command download_command remove_command upload_command)
 
 install_missing "${BUILD_PACKAGES[@]}" "${FUZZ_PACKAGES[@]}"
 
@@ -28,15 +33,18 @@ CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja \
 cmake --build build-fuzz
 
 run_target() {
-  local target=$1
+  local target=$1 seeds=$1 here=$PWD
+  # The command targets share their seeds and dictionary.
+  [[ $target != *_command ]] || seeds=command
   mkdir -p "build-fuzz/corpus/$target" build-fuzz/artifacts build-fuzz/logs
-  # A failed input ends the run: no -keep_going options.
-  "build-fuzz/tests/fuzz/${target}_fuzzer" \
+  # A failed input ends the run: no -keep_going options. Paths are absolute:
+  # the command targets run each input in a directory of their own.
+  "$here/build-fuzz/tests/fuzz/${target}_fuzzer" \
     -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
     -max_len=16384 -print_final_stats=1 \
-    -dict="tests/fuzz/$target.dict" \
-    -artifact_prefix="build-fuzz/artifacts/$target-" \
-    "build-fuzz/corpus/$target" "tests/fuzz/corpus/$target" \
+    -dict="$here/tests/fuzz/$seeds.dict" \
+    -artifact_prefix="$here/build-fuzz/artifacts/$target-" \
+    "$here/build-fuzz/corpus/$target" "$here/tests/fuzz/corpus/$seeds" \
     >"build-fuzz/logs/$target.log" 2>&1
 }
 

@@ -1,0 +1,119 @@
+#include "command/command_watch.h"
+
+#include <utility>
+
+namespace {
+
+std::string parent_of(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+std::string base_of(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// Every name that a client could read out of one listing line, generously:
+// a name is the rest of the line after a blank, cut before a link arrow or
+// not, with a final carriage return or without.
+void add_names(const std::string& line, std::set<std::string>& names) {
+  auto add_with_arrows = [&names](const std::string& rest) {
+    names.insert(rest);
+    for (std::size_t arrow = rest.find(" -> "); arrow != std::string::npos;
+         arrow = rest.find(" -> ", arrow + 1))
+      names.insert(rest.substr(0, arrow));
+  };
+  for (const std::string& text : {line, !line.empty() && line.back() == '\r'
+                                            ? line.substr(0, line.size() - 1)
+                                            : line}) {
+    add_with_arrows(text);
+    for (std::size_t i = 0; i < text.size(); ++i)
+      if (text[i] == ' ' || text[i] == '\t')
+        add_with_arrows(text.substr(i + 1));
+  }
+}
+
+}  // namespace
+
+bool is_within(const std::string& path, const std::string& directory) {
+  if (directory == "/") return true;
+  return path == directory ||
+         (path.size() > directory.size() &&
+          path.compare(0, directory.size(), directory) == 0 &&
+          path[directory.size()] == '/');
+}
+
+CommandWatch::CommandWatch(FuzzedCommand command, std::string login,
+                           std::string target)
+    : command_(command), login_(std::move(login)), target_(std::move(target)) {}
+
+void CommandWatch::violation(const std::string& text) {
+  violations_.push_back(text);
+}
+
+void CommandWatch::listed(const std::string& directory, const std::string& body,
+                          bool complete) {
+  last_listing_complete_[directory] = complete;
+  std::set<std::string>& names = shown_[directory];
+  std::size_t start = 0;
+  while (start < body.size()) {
+    std::size_t end = body.find('\n', start);
+    if (end == std::string::npos) end = body.size();
+    add_names(body.substr(start, end - start), names);
+    start = end + 1;
+  }
+}
+
+bool CommandWatch::shown(const std::string& path) const {
+  const auto names = shown_.find(parent_of(path));
+  return path != "/" && names != shown_.end() &&
+         names->second.count(base_of(path)) > 0;
+}
+
+void CommandWatch::received(const std::string& verb, const std::string& path) {
+  if (!is_within(path, login_))
+    violation(verb + " of '" + path + "', outside the login directory '" +
+              login_ + "'");
+
+  const bool deletes = verb == "DELE" || verb == "RMD";
+  const bool creates =
+      verb == "STOR" || verb == "MKD" || verb == "APPE" || verb == "STOU";
+  if (verb == "RNFR" || verb == "RNTO" || verb == "SITE")
+    violation(verb + " of '" + path + "': no command renames or changes");
+  if (deletes && command_ != FuzzedCommand::remove)
+    violation(verb + " of '" + path + "' by a command that does not remove");
+  if (creates && command_ != FuzzedCommand::upload)
+    violation(verb + " of '" + path + "' by a command that does not upload");
+
+  if (verb == "RETR" && !shown(path))
+    violation("RETR of '" + path + "', which no listing showed");
+  if ((verb == "STOR" || verb == "APPE") && !is_within(path, target_))
+    violation(verb + " of '" + path + "', outside the target '" + target_ +
+              "'");
+
+  if (!deletes || command_ != FuzzedCommand::remove) return;
+  if (!deleting_) {
+    deleting_ = true;
+    for (const auto& [directory, complete] : last_listing_complete_)
+      if (!complete)
+        violation(verb + " of '" + path + "' although the listing of '" +
+                  directory + "' had failed");
+  }
+  if (!shown(path))
+    violation(verb + " of '" + path + "', which no listing showed");
+  if (!is_within(path, target_))
+    violation(verb + " of '" + path + "', outside the tree '" + target_ +
+              "' that was looked up");
+  const auto earlier = deleted_in_epoch_.find(path);
+  if (earlier != deleted_in_epoch_.end() && earlier->second == epoch_)
+    violation(verb + " of '" + path + "' a second time");
+  deleted_in_epoch_[path] = epoch_;
+  for (std::string above = path; above != "/";) {
+    above = parent_of(above);
+    const auto removed = removed_directory_in_epoch_.find(above);
+    if (removed != removed_directory_in_epoch_.end() &&
+        removed->second == epoch_)
+      violation(verb + " of '" + path + "' after the RMD of '" + above + "'");
+  }
+  if (verb == "RMD") removed_directory_in_epoch_[path] = epoch_;
+}

@@ -1,0 +1,405 @@
+#include "command/fake_ftp_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t kMaxLine = 1 << 20;
+constexpr std::size_t kMaxUpload = 1 << 20;
+constexpr int kAcceptMillis = 2000;
+
+// A listening socket on 127.0.0.1 and a port of the kernel's choice.
+std::pair<int, std::uint16_t> listen_on_loopback() {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw std::runtime_error("socket");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      listen(fd, 8) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    close(fd);
+    throw std::runtime_error("listen");
+  }
+  return {fd, ntohs(address.sin_port)};
+}
+
+void send_all(int fd, const std::string& data) {
+  std::size_t sent = 0;
+  while (sent < data.size()) {
+    const ssize_t n =
+        send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+    if (n <= 0) return;
+    sent += static_cast<std::size_t>(n);
+  }
+}
+
+// Waits for one connection on `listener`, for a while. Replies go out at
+// once: a reply held back for the client's acknowledgement of the one
+// before would cost every command a delayed-ACK wait.
+int accept_within(int listener, int millis) {
+  pollfd waiting{listener, POLLIN, 0};
+  if (poll(&waiting, 1, millis) != 1) return -1;
+  const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  const int on = 1;
+  if (fd >= 0) setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return fd;
+}
+
+// "ddd text" or "ddd" with a first digit of 2 to 5, on one line.
+bool is_final_reply(const std::string& text) {
+  if (text.size() < 3 || text.find_first_of("\r\n") != std::string::npos)
+    return false;
+  for (int i = 0; i < 3; ++i)
+    if (!std::isdigit(static_cast<unsigned char>(text[i]))) return false;
+  return text[0] >= '2' && text[0] <= '5' &&
+         (text.size() == 3 || text[3] == ' ');
+}
+
+bool takes_path(const std::string& verb) {
+  static const std::set<std::string> verbs = {
+      "CWD", "LIST", "NLST", "RETR", "STOR", "APPE", "STOU", "DELE",
+      "RMD", "MKD",  "SIZE", "MDTM", "RNFR", "RNTO", "XMKD", "XRMD"};
+  return verbs.count(verb) > 0;
+}
+
+// LIST and NLST may carry "ls" options before the path.
+std::string without_options(const std::string& argument) {
+  if (argument.empty() || argument[0] != '-') return argument;
+  const std::size_t blank = argument.find(' ');
+  return blank == std::string::npos ? "" : argument.substr(blank + 1);
+}
+
+std::string quoted_directory(const std::string& directory,
+                             const std::string& style) {
+  if (style == "refused") return "550 PWD not allowed";
+  if (style == "bare") return "257 " + directory + " is the current directory";
+  if (style == "relative") return "257 \"QGPL\" is the current library";
+  std::string text = directory;
+  if (style == "trailing" && text != "/") text += "/";
+  std::string doubled;
+  for (const char c : text) {
+    doubled += c;
+    if (c == '"') doubled += '"';
+  }
+  return "257 \"" + doubled + "\" is the current directory";
+}
+
+}  // namespace
+
+// One control connection: its directory, its passive listener, and the
+// commands it receives.
+class FakeFtpServer::Session {
+ public:
+  Session(FakeFtpServer& server, int control)
+      : server_(server), control_(control) {}
+
+  // Serves commands until the connection ends; true when it ended with QUIT.
+  bool run() {
+    reply("220 fuzzed server ready");
+    std::string line;
+    while (read_line(line)) {
+      if (!handle(line)) break;
+    }
+    return quit_;
+  }
+
+  // Called with the server's mutex held.
+  void close_passive() {
+    if (passive_ >= 0) {
+      server_.untrack(passive_);
+      close(passive_);
+      passive_ = -1;
+    }
+  }
+
+ private:
+  void reply(const std::string& text) { send_all(control_, text + "\r\n"); }
+
+  bool read_line(std::string& line) {
+    for (;;) {
+      const std::size_t end = pending_.find('\n');
+      if (end != std::string::npos) {
+        line = pending_.substr(0, end);
+        pending_.erase(0, end + 1);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        return true;
+      }
+      if (pending_.size() > kMaxLine) return false;
+      char block[4096];
+      const ssize_t n = recv(control_, block, sizeof block, 0);
+      if (n <= 0) return false;
+      pending_.append(block, static_cast<std::size_t>(n));
+    }
+  }
+
+  // The data connection of a transfer, or -1.
+  int open_data() {
+    if (passive_ < 0) return -1;
+    const int data = accept_within(passive_, kAcceptMillis);
+    close_passive();
+    if (data >= 0) server_.track(data);
+    return data;
+  }
+
+  void close_data(int data) {
+    server_.untrack(data);
+    close(data);
+  }
+
+  // Sends `body` on a data connection; `cut` stops halfway. False when no
+  // data connection came.
+  bool send_body(const std::string& body, bool cut) {
+    const int data = open_data();
+    if (data < 0) return false;
+    send_all(data, cut ? body.substr(0, body.size() / 2) : body);
+    close_data(data);
+    return true;
+  }
+
+  std::optional<std::string> receive_body() {
+    const int data = open_data();
+    if (data < 0) return {};
+    std::string body;
+    char block[16384];
+    ssize_t n;
+    while ((n = recv(data, block, sizeof block, 0)) > 0 &&
+           body.size() < kMaxUpload)
+      body.append(block, static_cast<std::size_t>(n));
+    close_data(data);
+    return body;
+  }
+
+  // False when the connection is to end.
+  bool handle(const std::string& line) {
+    std::lock_guard<std::mutex> lock(server_.mutex_);
+    server_.log_.push_back(line);
+    const std::uint64_t number = ++server_.received_;
+    if (number > server_.scenario_.budget) {
+      server_.watch_.fault();
+      return false;
+    }
+    const std::size_t blank = line.find(' ');
+    std::string verb = line.substr(0, blank);
+    for (char& c : verb)
+      c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    const std::string argument =
+        blank == std::string::npos ? "" : line.substr(blank + 1);
+    std::string path;
+    if (takes_path(verb)) {
+      const std::string named = verb == "LIST" || verb == "NLST"
+                                    ? without_options(argument)
+                                    : argument;
+      path = ServerTree::resolve(cwd_, named);
+      server_.watch_.received(verb, path);
+    }
+
+    bool cut = false;
+    const auto fault = server_.scenario_.faults.find(number);
+    if (fault != server_.scenario_.faults.end()) {
+      server_.watch_.fault();
+      switch (fault->second.action) {
+        case ScenarioFault::Action::drop:
+          return false;
+        case ScenarioFault::Action::reply:
+          close_passive();
+          if (verb == "LIST") server_.watch_.listed(path, "", false);
+          reply(fault->second.reply);
+          // Anything but a complete final reply would leave the client
+          // waiting for one until its own timeout: hang up instead.
+          return is_final_reply(fault->second.reply);
+        case ScenarioFault::Action::cut:
+          cut = true;
+          break;
+      }
+    }
+    return answer(verb, argument, path, cut);
+  }
+
+  bool answer(const std::string& verb, const std::string& argument,
+              const std::string& path, bool cut) {
+    ServerTree& tree = server_.tree_;
+    const Scenario& scenario = server_.scenario_;
+    if (verb == "USER") {
+      reply("331 password please");
+    } else if (verb == "PASS") {
+      cwd_ = ServerTree::resolve("/", scenario.login_directory);
+      reply("230 logged in");
+    } else if (verb == "PWD" || verb == "XPWD") {
+      reply(quoted_directory(cwd_, scenario.pwd_style));
+    } else if (verb == "CWD") {
+      if (tree.is_directory(path)) {
+        cwd_ = path;
+        reply("250 directory changed");
+      } else {
+        reply("550 no such directory");
+      }
+    } else if (verb == "CDUP") {
+      cwd_ = ServerTree::resolve(cwd_, "..");
+      server_.watch_.received(verb, cwd_);
+      reply("250 directory changed");
+    } else if (verb == "EPSV" || verb == "PASV") {
+      if (verb == "EPSV" && !scenario.epsv) {
+        reply("500 EPSV not understood");
+        return true;
+      }
+      close_passive();
+      const auto [fd, port] = listen_on_loopback();
+      passive_ = fd;
+      server_.track(fd);
+      if (verb == "EPSV") {
+        reply("229 Entering Extended Passive Mode (|||" + std::to_string(port) +
+              "|)");
+      } else {
+        reply("227 Entering Passive Mode (127,0,0,1," +
+              std::to_string(port / 256) + "," + std::to_string(port % 256) +
+              ")");
+      }
+    } else if (verb == "LIST" || verb == "NLST") {
+      const std::optional<std::string> body =
+          verb == "LIST" ? tree.list(path) : tree.name_list(path);
+      if (!body && !scenario.missing_is_empty) {
+        close_passive();
+        if (verb == "LIST") server_.watch_.listed(path, "", false);
+        reply("550 no such file or directory");
+        return true;
+      }
+      reply("150 here it comes");
+      const std::string text = body.value_or("");
+      const bool sent = send_body(text, cut);
+      if (verb == "LIST") server_.watch_.listed(path, text, sent && !cut);
+      if (cut) return false;
+      reply(sent ? "226 transfer complete" : "425 no data connection");
+    } else if (verb == "RETR") {
+      const std::optional<std::string> content = tree.content(path);
+      if (!content) {
+        close_passive();
+        reply("550 not a plain file");
+        return true;
+      }
+      reply("150 here it comes");
+      const bool sent = send_body(*content, cut);
+      if (cut) return false;
+      reply(sent ? "226 transfer complete" : "425 no data connection");
+    } else if (verb == "STOR" || verb == "APPE") {
+      reply("150 send it");
+      std::optional<std::string> content = receive_body();
+      if (cut) return false;
+      if (!content) {
+        reply("425 no data connection");
+      } else if (tree.store(path, std::move(*content))) {
+        reply("226 stored");
+      } else {
+        reply("553 cannot store there");
+      }
+    } else if (verb == "MKD" || verb == "XMKD") {
+      reply(tree.make_directory(path) ? "257 \"" + path + "\" created"
+                                      : "550 cannot create");
+    } else if (verb == "DELE") {
+      reply(tree.remove_file(path) ? "250 deleted" : "550 cannot delete");
+    } else if (verb == "RMD" || verb == "XRMD") {
+      reply(tree.remove_directory(path) ? "250 removed" : "550 cannot remove");
+    } else if (verb == "SIZE") {
+      const std::optional<std::string> content = tree.content(path);
+      reply(content ? "213 " + std::to_string(content->size())
+                    : "550 not a plain file");
+    } else if (verb == "MDTM") {
+      reply(tree.is_file(path) ? "213 20200101000000" : "550 not a plain file");
+    } else if (verb == "TYPE" || verb == "MODE" || verb == "STRU" ||
+               verb == "OPTS" || verb == "NOOP") {
+      reply("200 ok");
+    } else if (verb == "REST") {
+      reply("350 restarting at " + argument);
+    } else if (verb == "SYST") {
+      reply("215 UNIX Type: L8");
+    } else if (verb == "FEAT") {
+      reply("211-Features:\r\n EPSV\r\n SIZE\r\n211 End");
+    } else if (verb == "ABOR") {
+      reply("226 nothing to abort");
+    } else if (verb == "QUIT") {
+      reply("221 goodbye");
+      quit_ = true;
+      return false;
+    } else {
+      reply("502 not implemented");
+    }
+    return true;
+  }
+
+  FakeFtpServer& server_;
+  int control_;
+  int passive_ = -1;
+  std::string cwd_ = "/";
+  std::string pending_;
+  bool quit_ = false;
+};
+
+FakeFtpServer::FakeFtpServer(const Scenario& scenario, CommandWatch& watch)
+    : scenario_(scenario), watch_(watch), tree_(scenario) {
+  std::tie(listener_, port_) = listen_on_loopback();
+  acceptor_ = std::thread([this] { accept_connections(); });
+}
+
+FakeFtpServer::~FakeFtpServer() {
+  stopping_ = true;
+  // Wakes the acceptor: a listening socket that is shut down reads ready.
+  shutdown(listener_, SHUT_RDWR);
+  acceptor_.join();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const int fd : open_) shutdown(fd, SHUT_RDWR);
+  }
+  for (std::thread& session : sessions_) session.join();
+  close(listener_);
+}
+
+std::vector<std::string> FakeFtpServer::commands() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return log_;
+}
+
+void FakeFtpServer::track(int descriptor) {
+  // Called with mutex_ held (from a command) or before any session exists.
+  open_.insert(descriptor);
+}
+
+void FakeFtpServer::untrack(int descriptor) { open_.erase(descriptor); }
+
+void FakeFtpServer::accept_connections() {
+  while (!stopping_) {
+    const int control = accept_within(listener_, -1);
+    if (control < 0) continue;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (received_ >= scenario_.budget) {
+      // Out of budget: every new connection is hung up on at once.
+      watch_.fault();
+      close(control);
+      continue;
+    }
+    open_.insert(control);
+    sessions_.emplace_back([this, control] { serve(control); });
+  }
+}
+
+void FakeFtpServer::serve(int control) {
+  Session session(*this, control);
+  const bool quit = session.run();
+  std::lock_guard<std::mutex> lock(mutex_);
+  session.close_passive();
+  // A connection that ends without QUIT is a fault that a retry may follow.
+  if (!quit) watch_.fault();
+  open_.erase(control);
+  close(control);
+}

@@ -1,0 +1,13 @@
+// Fuzzes the list command, of one entry and of a directory's contents, in
+// short and long form, against a server made of the input.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "command/command_harness.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
+                                      std::size_t size) {
+  run_fuzzed_command(FuzzedCommand::list, data, size);
+  return 0;
+}
