@@ -1,5 +1,7 @@
 #include "ops/child_name.h"
 
+#include <unordered_set>
+
 ChildName classify_child_name(std::string_view name) {
   if (name == "." || name == "..") return ChildName::self_or_parent;
   if (name.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos)
@@ -11,6 +13,7 @@ void for_each_child(const RemoteListing& listing,
                     const std::filesystem::path& directory,
                     const ChildVisitor& visit,
                     const UnsafeChildHandler& refuse) {
+  std::unordered_set<std::string> visited;
   for (const RemoteEntry& child : listing) {
     const std::string name = child.entry_name(false);
     switch (classify_child_name(name)) {
@@ -20,7 +23,7 @@ void for_each_child(const RemoteListing& listing,
         refuse(directory / name);
         break;
       case ChildName::ordinary:
-        visit(child, name);
+        if (visited.insert(name).second) visit(child, name);
         break;
     }
   }

@@ -5,8 +5,11 @@
 // out of the tree, so walks pass over them. A name containing "/" (or a NUL
 // byte, which no file name can hold) is not one path element: joined to a
 // local or remote directory it would point somewhere else, so walks refuse
-// it. Download and remove both walk a listing with for_each_child(); only
-// what they do with a refused name differs.
+// it. A name that a listing shows twice names one entry: walks take it
+// once, at its first line (deleting it twice would fail on the second
+// attempt, after everything before it had gone). Download and remove both
+// walk a listing with for_each_child(); only what they do with a refused
+// name differs.
 
 #ifndef BRINDLE_OPS_CHILD_NAME_H_
 #define BRINDLE_OPS_CHILD_NAME_H_
@@ -35,8 +38,8 @@ using UnsafeChildHandler =
 
 // Goes through `listing`, the children of `directory`, in listing order:
 // passes over "." and "..", calls `refuse` for a name that is not one path
-// element and `visit` for every other child. An exception from either ends
-// the walk.
+// element and `visit` for every other child whose name it has not visited
+// before. An exception from either ends the walk.
 void for_each_child(const RemoteListing& listing,
                     const std::filesystem::path& directory,
                     const ChildVisitor& visit,

@@ -744,6 +744,24 @@ def test_symlink_loop_is_removed_as_a_link(brindle, scripted):
     assert not os.path.lexists(str(scripted.path("d")))
 
 
+def test_a_name_listed_twice_is_removed_once(brindle, scripted):
+    # Both lines name one entry: a second DELE of it would fail, after
+    # everything before it had been deleted.
+    scripted.make_file("d/f", b"data")
+    scripted.make_file("d/g", b"data")
+    scripted.script({"listings": {"/d": raw_lines(
+        unix_line("-", "f", 4).encode(),
+        unix_line("-", "g", 4).encode(),
+        unix_line("-", "f", 4).encode())}})
+
+    result = remove_run(brindle, scripted, "/d", "--recursive")
+
+    assert outcome(result) == (0, b"", b"")
+    assert quote_commands(scripted) == [
+        ("NOOP", ""), ("DELE", "/d/f"), ("DELE", "/d/g"), ("RMD", "/d")]
+    assert not os.path.lexists(str(scripted.path("d")))
+
+
 def test_server_listing_every_directory_inside_itself_removal(brindle,
                                                              scripted):
     """brindle does not stop this walk by itself: nothing in a listing tells

@@ -104,6 +104,25 @@ TEST(ForEachChild, JoinsARefusedNameToTheDirectoryAsItIs) {
                         }));
 }
 
+TEST(ForEachChild, VisitsANameThatTheListingRepeatsOnceAtItsFirstLine) {
+  const RemoteListing listing = listing_of(
+      "-rw-r--r-- 1 u g 1 Jan 1 2020 a\n"
+      "drwxr-xr-x 2 u g 6 Jan 1 2020 b\n"
+      "lrwxrwxrwx 1 u g 1 Jan 1 2020 a -> b\n"
+      "-rw-r--r-- 1 u g 2 Jan 1 2020 b\n"
+      "-rw-r--r-- 1 u g 3 Jan 1 2020 x/y\n"
+      "-rw-r--r-- 1 u g 3 Jan 1 2020 x/y\n");
+  Walk walk;
+  walk.run(listing, "/d");
+  EXPECT_EQ(walk.calls,
+            (std::vector<std::string>{
+                "visit a (-rw-r--r-- 1 u g 1 Jan 1 2020 a)",
+                "visit b (drwxr-xr-x 2 u g 6 Jan 1 2020 b)",
+                "refuse /d/x/y",
+                "refuse /d/x/y",
+            }));
+}
+
 TEST(ForEachChild, PassesOverDotEntriesWhateverTheirType) {
   const RemoteListing listing = listing_of(
       "-rw-r--r-- 1 u g 1 Jan 1 2020 .\n"
