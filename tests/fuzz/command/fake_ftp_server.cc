@@ -215,7 +215,11 @@ class FakeFtpServer::Session {
           return false;
         case ScenarioFault::Action::reply:
           close_passive();
-          if (verb == "LIST") server_.watch_.listed(path, "", false);
+          // A positive reply without a listing reads as an empty one.
+          if (verb == "LIST")
+            server_.watch_.listed(path, "",
+                                  is_final_reply(fault->second.reply) &&
+                                      fault->second.reply[0] == '2');
           reply(fault->second.reply);
           // Anything but a complete final reply would leave the client
           // waiting for one until its own timeout: hang up instead.
