@@ -84,6 +84,9 @@ SUITE_PACKAGES=(
 )
 # The linters of scripts/lint.sh (this Debian release's default LLVM).
 QUALITY_PACKAGES=(clang-tidy clang-format cppcheck)
+# What scripts/coverage.sh needs on top of the suite: gcovr, which reads the
+# counts of GCC's coverage build through the gcov of the same GCC.
+COVERAGE_PACKAGES=(gcovr)
 # What the benchmark script needs on top of the build: the FTP server, the
 # clients it compares brindle with, and the chart plotter.
 BENCH_PACKAGES=(

@@ -10,6 +10,7 @@ lines and messages take their path text from.
 import errno
 import os
 import random
+import re
 import socket
 import threading
 import time
@@ -57,6 +58,12 @@ def upload(brindle, server, account, local, remote, *flags, **kwargs):
                        *flags, *server.args(), **kwargs)
 
 
+
+
+def assert_untouched(server):
+    """The server received no command and its root is still empty."""
+    assert server.commands() == []
+    assert snapshot(server.root) == {}
 
 
 def binary_blob(size, seed):
@@ -261,6 +268,54 @@ def test_upload_unreadable_file(brindle, scripted, local_account):
                              b"Permission denied\n")
     assert_no_connection(scripted)
     assert snapshot(scripted.root) == {}
+
+
+@pytest.fixture(params=["scripted", "vsftpd"])
+def real_server(request):
+    """Each of the two servers, serving what is on disk."""
+    return request.getfixturevalue(request.param)
+
+
+@pytest.mark.parametrize("flags", [(), ("--recursive", "--follow-symlinks")])
+def test_upload_symlink_loop_is_a_fatal_error(brindle, real_server,
+                                              local_account, flags):
+    os.symlink("loop-b", str(brindle.workdir / "loop-a"))
+    os.symlink("loop-a", str(brindle.workdir / "loop-b"))
+
+    result = upload(brindle, real_server, local_account, "loop-a", "/x",
+                    *flags)
+
+    # The status query that follows links fails with something other than
+    # "not found", and the library's own error reaches main: one report on
+    # both channels, with the demangled type. Its text is the standard
+    # library's ("filesystem error: <operation>: <reason> [<path>]"); the
+    # reason is the C library's text for ELOOP.
+    assert result.status == 1, result
+    assert result.stdout == result.stderr, result
+    assert re.fullmatch(
+        rb"Fatal error: std::filesystem::__cxx11::filesystem_error\("
+        rb"filesystem error: [a-z _]+: Too many levels of symbolic links "
+        rb"\[loop-a\]\)\n", result.stdout), result
+    assert_untouched(real_server)
+
+
+@pytest.mark.parametrize("locked", ["locked", "tree/sub/locked"])
+def test_upload_tree_with_a_directory_the_account_cannot_read(
+        brindle, real_server, local_account, locked):
+    # Owned by root and private: the local user may not even list it. The
+    # walk meets it before any file, so nothing connects.
+    make_local_dir(brindle.workdir, locked)
+    (brindle.workdir / locked).chmod(0o700)
+    given = locked.split("/")[0]
+
+    result = upload(brindle, real_server, local_account, given, "/up",
+                    "--recursive")
+
+    assert result.status == 1, result
+    assert result.stdout == b""
+    assert result.stderr == (
+        "Unable to process '%s': Permission denied\n" % locked).encode()
+    assert_untouched(real_server)
 
 
 def test_upload_socket_cannot_be_opened(brindle, scripted, local_account):
