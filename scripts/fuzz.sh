@@ -12,7 +12,8 @@
 # upload_command (default: all eight). New inputs that the fuzzers find are
 # kept in build-fuzz/corpus/TARGET; the checked-in seeds in
 # tests/fuzz/corpus are only read (the four command targets share
-# tests/fuzz/corpus/command and tests/fuzz/command.dict). FUZZ_JOBS
+# tests/fuzz/corpus/command and tests/fuzz/command.dict, and each reads the
+# corpus its long runs grew in tests/fuzz/corpus/TARGET). FUZZ_JOBS
 # (default 2) is how many targets run at once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -34,8 +35,14 @@ cmake --build build-fuzz
 
 run_target() {
   local target=$1 seeds=$1 here=$PWD
-  # The command targets share their seeds and dictionary.
-  [[ $target != *_command ]] || seeds=command
+  local corpora=("$here/build-fuzz/corpus/$target"
+    "$here/tests/fuzz/corpus/$target")
+  # The command targets share their seeds and dictionary; each keeps the
+  # corpus its long runs grew in tests/fuzz/corpus/TARGET.
+  if [[ $target == *_command ]]; then
+    seeds="command"
+    corpora+=("$here/tests/fuzz/corpus/command")
+  fi
   mkdir -p "build-fuzz/corpus/$target" build-fuzz/artifacts build-fuzz/logs
   # A failed input ends the run: no -keep_going options. Paths are absolute:
   # the command targets run each input in a directory of their own.
@@ -44,8 +51,7 @@ run_target() {
     -max_len=16384 -print_final_stats=1 \
     -dict="$here/tests/fuzz/$seeds.dict" \
     -artifact_prefix="$here/build-fuzz/artifacts/$target-" \
-    "$here/build-fuzz/corpus/$target" "$here/tests/fuzz/corpus/$seeds" \
-    >"build-fuzz/logs/$target.log" 2>&1
+    "${corpora[@]}" >"build-fuzz/logs/$target.log" 2>&1
 }
 
 failed=0
