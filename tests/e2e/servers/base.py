@@ -240,6 +240,10 @@ class DaemonServer(FtpServer):
     # How to get the binary where it is missing.
     install = "run scripts/ftp-servers.sh"
     port_taken = "in use"   # what its output says when the port is taken
+    # A daemon that reports start-up failures on its standard input (vsftpd
+    # writes "500 OOPS: could not bind ..." to the client's socket, which is
+    # fd 0 in standalone mode) gets the output file there too.
+    reports_on_stdin = False
     # A short name the daemon's processes go by, for reaping the helpers
     # it leaves behind; the binary's name unless set.
     comm = None
@@ -300,7 +304,9 @@ class DaemonServer(FtpServer):
             self.prepare()
             with open(str(self.output_path), "wb") as out:
                 self.proc = subprocess.Popen(
-                    self.argv(), stdin=subprocess.DEVNULL, stdout=out,
+                    self.argv(),
+                    stdin=out if self.reports_on_stdin else subprocess.DEVNULL,
+                    stdout=out,
                     stderr=out, start_new_session=True, cwd=str(self.tmp),
                     env=self.environment())
             deadline = time.monotonic() + timeout

@@ -30,6 +30,7 @@ class VsftpdServer(DaemonServer):
     daemon = VSFTPD
     install = "apt-get install vsftpd"
     port_taken = "could not bind"
+    reports_on_stdin = True
     # log_ftp_protocol=YES; PASS reads "PASS <password>", and unprintable
     # bytes "?".
     command_pattern = re.compile(r'FTP command: Client "[^"]*", "(.*)"$')
