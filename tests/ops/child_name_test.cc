@@ -114,13 +114,12 @@ TEST(ForEachChild, VisitsANameThatTheListingRepeatsOnceAtItsFirstLine) {
       "-rw-r--r-- 1 u g 3 Jan 1 2020 x/y\n");
   Walk walk;
   walk.run(listing, "/d");
-  EXPECT_EQ(walk.calls,
-            (std::vector<std::string>{
-                "visit a (-rw-r--r-- 1 u g 1 Jan 1 2020 a)",
-                "visit b (drwxr-xr-x 2 u g 6 Jan 1 2020 b)",
-                "refuse /d/x/y",
-                "refuse /d/x/y",
-            }));
+  EXPECT_EQ(walk.calls, (std::vector<std::string>{
+                            "visit a (-rw-r--r-- 1 u g 1 Jan 1 2020 a)",
+                            "visit b (drwxr-xr-x 2 u g 6 Jan 1 2020 b)",
+                            "refuse /d/x/y",
+                            "refuse /d/x/y",
+                        }));
 }
 
 TEST(ForEachChild, PassesOverDotEntriesWhateverTheirType) {
