@@ -4,15 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <tuple>
+#include <typeinfo>
 #include <vector>
 
 #include "command/fake_ftp_server.h"
@@ -229,13 +229,11 @@ void run(FuzzedCommand command, const Scenario& scenario,
 
 [[noreturn]] void report(const std::string& problem,
                          const std::vector<std::string>& words,
-                         const FakeFtpServer* server,
                          const std::vector<std::string>& commands) {
   std::cerr << "\n== " << problem << "\n== command line:";
   for (const std::string& word : words) std::cerr << " '" << word << "'";
   std::cerr << "\n== commands the server received:\n";
-  for (const std::string& line : server ? server->commands() : commands)
-    std::cerr << "   " << line << "\n";
+  for (const std::string& line : commands) std::cerr << "   " << line << "\n";
   std::cerr << std::flush;
   std::abort();
 }
@@ -297,8 +295,8 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
     } catch (...) {
       failure = "something thrown that is no exception";
     }
-    if (!failure.empty()) report(failure, words, &server, {});
     commands = server.commands();
+    if (!failure.empty()) report(failure, words, commands);
   }
   if (std::getenv("BRINDLE_FUZZ_TRACE") != nullptr) {
     std::cerr << "== " << message << "\n";
@@ -306,7 +304,7 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
   }
   // The server has stopped: the watch has seen everything.
   if (!watch.violations().empty())
-    report(watch.violations().front(), words, nullptr, commands);
+    report(watch.violations().front(), words, commands);
   const Sandbox::State after = local.state(download);
   if (after != before) {
     std::string changed;
@@ -317,12 +315,11 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
     for (const auto& [path, status] : before)
       if (after.count(path) == 0) changed = path;
     report("a local change outside the download's target: " + changed, words,
-           nullptr, commands);
+           commands);
   }
   if (download) {
     const std::string link = local.link_below_download_places();
     if (!link.empty())
-      report("a symbolic link made by the download: " + link, words, nullptr,
-             commands);
+      report("a symbolic link made by the download: " + link, words, commands);
   }
 }

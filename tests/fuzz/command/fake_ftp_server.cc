@@ -320,7 +320,7 @@ class FakeFtpServer::Session {
       reply(content ? "213 " + std::to_string(content->size())
                     : "550 not a plain file");
     } else if (verb == "MDTM") {
-      reply(tree.is_file(path) ? "213 20200101000000" : "550 not a plain file");
+      reply(tree.content(path) ? "213 20200101000000" : "550 not a plain file");
     } else if (verb == "TYPE" || verb == "MODE" || verb == "STRU" ||
                verb == "OPTS" || verb == "NOOP") {
       reply("200 ok");

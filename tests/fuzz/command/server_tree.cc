@@ -144,21 +144,10 @@ std::string ServerTree::line(const Node& node, const std::string& name,
     std::snprintf(size_text, sizeof size_text, "%20zu", size);
     return std::string("01-01-20  12:00PM ") + size_text + " " + name;
   }
-  std::string text;
-  switch (node.kind) {
-    case ScenarioEntry::Kind::directory:
-      text = "drwxr-xr-x";
-      break;
-    case ScenarioEntry::Kind::file:
-      text = "-rw-r--r--";
-      break;
-    case ScenarioEntry::Kind::link:
-      text = "lrwxrwxrwx";
-      break;
-    case ScenarioEntry::Kind::pipe:
-      text = "prw-r--r--";
-      break;
-  }
+  // Type and permissions, in the order of ScenarioEntry::Kind.
+  static const char* const kModes[] = {"drwxr-xr-x", "-rw-r--r--", "lrwxrwxrwx",
+                                       "prw-r--r--"};
+  std::string text = kModes[static_cast<int>(node.kind)];
   text += " 1 owner group " + std::to_string(size) + " Jan 01  2020 " + name;
   if (node.kind == ScenarioEntry::Kind::link) text += " -> " + node.argument;
   return text;
@@ -167,11 +156,6 @@ std::string ServerTree::line(const Node& node, const std::string& name,
 bool ServerTree::is_directory(const std::string& path) const {
   const int node = find(path, true);
   return node >= 0 && nodes_[node].kind == ScenarioEntry::Kind::directory;
-}
-
-bool ServerTree::is_file(const std::string& path) const {
-  const int node = find(path, true);
-  return node >= 0 && nodes_[node].kind == ScenarioEntry::Kind::file;
 }
 
 std::optional<std::string> ServerTree::content(const std::string& path) const {

@@ -26,7 +26,7 @@ class ServerTree {
                              const std::string& argument);
 
   bool is_directory(const std::string& path) const;  // links followed
-  bool is_file(const std::string& path) const;       // links followed
+  // A file's content (links followed); none for anything but a file.
   std::optional<std::string> content(const std::string& path) const;
 
   // The long listing of a directory, or of one entry's own line for a path
