@@ -32,20 +32,18 @@ from pathlib import Path
 REPO = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(REPO / "tests" / "e2e"))
 
-import ftptest  # noqa: E402
-from dataset import chown_tree, fresh_copy, make_tree  # noqa: E402
+from dataset import chown_tree, clear, fresh_copy, make_tree  # noqa: E402
 from rig import Rig  # noqa: E402
+from workloads import Commands  # noqa: E402
 
 MODES = (("one request", "uncounted"), ("batches", "counted"))
 
 
-def remove(brindle, rig, path, forced):
+def remove(commands, path, forced):
     """Runs brindle's recursive remove of `path` with the test variable at
     `forced`; returns its wall time in seconds."""
-    account = rig.account
-    argv = [brindle, "--host", ftptest.HOST, "--port", str(rig.server.port),
-            "--login", account.name, "--password", account.password,
-            "--remove", "--recursive", "--remote-path", path]
+    argv = commands.brindle_cmd("--remove", "--recursive",
+                                "--remote-path", path)
     env = dict(os.environ, BRINDLE_TEST_COMMAND_REPLIES=forced)
     start = time.perf_counter()
     proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL,
@@ -73,26 +71,28 @@ def main():
         rig.start()
         root = rig.server.root
         account = rig.account
-        print("%-12s %8s %9s %9s %9s %14s" % (
+        commands = Commands(brindle, rig)
+        print("%-12s %8s %9s %9s %9s %15s" % (
             "mode", "entries", "user (s)", "sys (s)", "wall (s)",
             "user/entry (us)"), flush=True)
         for n in counts:
             source = root / ("source-%d" % n)
             make_tree(source, n // 100, n, 0)
             chown_tree(source, account.uid, account.gid)
+            entries = n + n // 100 + 1  # the files, their directories, /rm
             for mode, forced in MODES:
                 fresh_copy(source, root / "rm")
                 before = os.times()
-                wall = remove(brindle, rig, "/rm", forced)
+                wall = remove(commands, "/rm", forced)
                 after = os.times()
                 user = after.children_user - before.children_user
                 system = after.children_system - before.children_system
                 if (root / "rm").exists():
                     raise RuntimeError("/rm is still there after the remove")
-                print("%-12s %8d %9.3f %9.3f %9.3f %14.1f" % (
-                    mode, n + n // 100 + 1, user, system, wall,
-                    user / n * 1e6), flush=True)
-            subprocess.run(["rm", "-rf", str(source)], check=True)
+                print("%-12s %8d %9.3f %9.3f %9.3f %15.1f" % (
+                    mode, entries, user, system, wall,
+                    user / entries * 1e6), flush=True)
+            clear(source)
     finally:
         rig.stop()
 

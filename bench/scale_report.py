@@ -126,9 +126,9 @@ def write_scale_report(runner, planned, sizes, stamp, md_path, png_path,
     add("")
     add("As root on Debian 12, from a clone: `BENCH_SUITE=scale bash "
         "bench/run.sh` (one measured round, no warm-up unless `BENCH_RUNS` "
-        "and `BENCH_WARMUP` say otherwise; an hour and a half to two "
-        "hours on a shared 2-core machine, most of it the 100,000-entry "
-        "transfers). "
+        "and `BENCH_WARMUP` say otherwise; about 30 minutes on a quiet "
+        "2-core machine, an hour or more on a busy one, most of it the "
+        "100,000-entry transfers). "
         "`BENCH_ENTRIES` (default `1000,10000,100000`) sets the entry "
         "counts, `BENCH_SCALE` scales them (`BENCH_SCALE=0.001`, 10 and "
         "100 entries, is a smoke run of about a minute), `BENCH_ONLY` picks "
