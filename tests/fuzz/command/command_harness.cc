@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -11,11 +13,13 @@
 #include <iostream>
 #include <map>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <typeinfo>
 #include <vector>
 
 #include "command/fake_ftp_server.h"
+#include "command/harness_failure.h"
 #include "command/scenario.h"
 #include "command/server_tree.h"
 #include "listing/list_command.h"
@@ -34,26 +38,31 @@ namespace {
 class Sandbox {
  public:
   Sandbox() {
-    std::string name = (fs::temp_directory_path() / "brindle-fuzz-XXXXXX");
-    if (mkdtemp(name.data()) == nullptr) std::abort();
-    root_ = name;
-    write(root_ / "kept.txt", "outside the work directory");
-    fs::create_directories(root_ / "work" / "cwd");
-    fs::create_directories(root_ / "work" / "downloads");
-    write(root_ / "work" / "kept.txt", "beside the download target");
-    const fs::path upload = root_ / "upload";
-    fs::create_directories(upload / "sub" / "deeper");
-    fs::create_directories(upload / "empty");
-    write(upload / "a.txt", "alpha\n");
-    write(upload / "sub" / "b.bin", std::string("b\0\r\n\xff", 5));
-    write(upload / "sub" / "deeper" / "c.txt", "gamma\n");
-    fs::create_symlink("a.txt", upload / "link-file");
-    fs::create_directory_symlink("sub", upload / "link-dir");
-    fs::create_symlink("missing", upload / "dangling");
-    // What brindle prints goes nowhere: the fuzzer reports on stderr.
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null < 0 || dup2(null, STDOUT_FILENO) < 0) std::abort();
-    close(null);
+    try {
+      std::string name = (fs::temp_directory_path() / "brindle-fuzz-XXXXXX");
+      if (mkdtemp(name.data()) == nullptr) harness_failure("mkdtemp", errno);
+      root_ = name;
+      write(root_ / "kept.txt", "outside the work directory");
+      fs::create_directories(root_ / "work" / "cwd");
+      fs::create_directories(root_ / "work" / "downloads");
+      write(root_ / "work" / "kept.txt", "beside the download target");
+      const fs::path upload = root_ / "upload";
+      fs::create_directories(upload / "sub" / "deeper");
+      fs::create_directories(upload / "empty");
+      write(upload / "a.txt", "alpha\n");
+      write(upload / "sub" / "b.bin", std::string("b\0\r\n\xff", 5));
+      write(upload / "sub" / "deeper" / "c.txt", "gamma\n");
+      fs::create_symlink("a.txt", upload / "link-file");
+      fs::create_directory_symlink("sub", upload / "link-dir");
+      fs::create_symlink("missing", upload / "dangling");
+      // What brindle prints goes nowhere: the fuzzer reports on stderr.
+      const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+      if (null < 0 || dup2(null, STDOUT_FILENO) < 0)
+        harness_failure("/dev/null", errno);
+      close(null);
+    } catch (const fs::filesystem_error& error) {
+      harness_failure("sandbox", error.code().value());
+    }
   }
 
   ~Sandbox() {
@@ -93,7 +102,7 @@ class Sandbox {
         continue;
       }
       struct stat status {};
-      if (lstat(path.c_str(), &status) != 0) std::abort();
+      if (lstat(path.c_str(), &status) != 0) harness_failure("lstat", errno);
       const bool directory = S_ISDIR(status.st_mode);
       state[path.native()] = {
           static_cast<int>(status.st_mode),
@@ -123,6 +132,17 @@ class Sandbox {
 
   fs::path root_;
 };
+
+// The result of `step`, one of the harness's own file operations on the
+// sandbox; a failure of it (no descriptors left, say) is the harness's.
+template <typename Step>
+auto sandbox_step(const char* what, Step step) {
+  try {
+    return step();
+  } catch (const fs::filesystem_error& error) {
+    harness_failure(what, error.code().value());
+  }
+}
 
 const Sandbox& sandbox() {
   static const Sandbox instance;
@@ -238,15 +258,41 @@ void run(FuzzedCommand command, const Scenario& scenario,
   std::abort();
 }
 
+// The entries of a directory of /proc/self: "fd" (the open descriptors, the
+// one that reads them included) or "task" (the threads).
+std::size_t count_entries(const char* directory) {
+  std::error_code error;
+  std::size_t count = 0;
+  for (fs::directory_iterator it(fs::path("/proc/self") / directory, error);
+       !error && it != fs::directory_iterator(); it.increment(error))
+    ++count;
+  if (error) harness_failure(directory, error.value());
+  return count;
+}
+
+// Every open descriptor and what it is, for a report.
+std::string descriptors() {
+  std::string text;
+  std::error_code error;
+  for (fs::directory_iterator it("/proc/self/fd", error);
+       !error && it != fs::directory_iterator(); it.increment(error)) {
+    std::error_code unreadable;
+    text += " " + it->path().filename().native() + " -> " +
+            fs::read_symlink(it->path(), unreadable).native() + ";";
+  }
+  return text;
+}
+
 // Makes `directory` the working directory while it lives.
 class WorkingDirectory {
  public:
   explicit WorkingDirectory(const fs::path& directory)
       : saved_(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (saved_ < 0 || chdir(directory.c_str()) != 0) std::abort();
+    if (saved_ < 0 || chdir(directory.c_str()) != 0)
+      harness_failure("chdir", errno);
   }
   ~WorkingDirectory() {
-    if (fchdir(saved_) != 0) std::abort();
+    if (fchdir(saved_) != 0) harness_failure("fchdir", errno);
     close(saved_);
   }
   WorkingDirectory(const WorkingDirectory&) = delete;
@@ -263,8 +309,11 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
   const Scenario scenario = decode_scenario(data, size);
   const Sandbox& local = sandbox();
   const bool download = command == FuzzedCommand::download;
-  local.clear_download_places();
-  const Sandbox::State before = local.state(download);
+  sandbox_step("sandbox", [&local] { local.clear_download_places(); });
+  const Sandbox::State before = sandbox_step(
+      "sandbox", [&local, download] { return local.state(download); });
+  const std::size_t descriptors_before = count_entries("fd");
+  const std::size_t threads_before = count_entries("task");
 
   // The command's paths are relative to the login directory, whether or
   // not they start with "/".
@@ -302,10 +351,29 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
     std::cerr << "== " << message << "\n";
     for (const std::string& line : commands) std::cerr << "   " << line << "\n";
   }
+  // The server has closed its sockets and joined its threads: whatever is
+  // left is the command's.
+  const std::size_t descriptors_after = count_entries("fd");
+  if (descriptors_after != descriptors_before)
+    report("descriptors open before the command: " +
+               std::to_string(descriptors_before) + ", after it: " +
+               std::to_string(descriptors_after) + ":" + descriptors(),
+           words, commands);
+  // A thread that has been joined may still be listed for a moment.
+  std::size_t threads_after = count_entries("task");
+  for (int wait = 0; wait < 200 && threads_after > threads_before; ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    threads_after = count_entries("task");
+  }
+  if (threads_after != threads_before)
+    report("threads before the command: " + std::to_string(threads_before) +
+               ", after it: " + std::to_string(threads_after),
+           words, commands);
   // The server has stopped: the watch has seen everything.
   if (!watch.violations().empty())
     report(watch.violations().front(), words, commands);
-  const Sandbox::State after = local.state(download);
+  const Sandbox::State after = sandbox_step(
+      "sandbox", [&local, download] { return local.state(download); });
   if (after != before) {
     std::string changed;
     for (const auto& [path, status] : after) {
@@ -318,7 +386,8 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
            commands);
   }
   if (download) {
-    const std::string link = local.link_below_download_places();
+    const std::string link = sandbox_step(
+        "sandbox", [&local] { return local.link_below_download_places(); });
     if (!link.empty())
       report("a symbolic link made by the download: " + link, words, commands);
   }

@@ -4,14 +4,21 @@
 //
 // Every command goes past a CommandWatch first. The server bounds its own
 // work: after the scenario's budget of commands it hangs up on every
-// connection, so whatever a client does, the run ends. The destructor
-// closes every connection and joins every thread.
+// connection, so whatever a client does, the run ends; it serves a few
+// connections at once at most, and joins the thread of each that ends. The
+// destructor closes every connection and listener and joins every thread:
+// nothing of the server outlives it. Its listeners reuse the ports of the
+// process's earlier ones, and a connection that the client closed first is
+// reset (fake_ftp_server.cc says why): however many inputs a fuzzer runs,
+// it takes no more than a few ports. A socket or thread that cannot be set
+// up is a harness failure (harness_failure.h).
 
 #ifndef BRINDLE_TESTS_FUZZ_COMMAND_FAKE_FTP_SERVER_H_
 #define BRINDLE_TESTS_FUZZ_COMMAND_FAKE_FTP_SERVER_H_
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <mutex>
 #include <set>
 #include <string>
@@ -35,9 +42,14 @@ class FakeFtpServer {
 
  private:
   class Session;
+  struct SessionThread {
+    std::thread thread;
+    bool ended = false;  // under mutex_
+  };
 
   void accept_connections();
-  void serve(int control);
+  // Serves one control connection; sets `ended` last.
+  void serve(int control, bool& ended);
   void track(int descriptor);
   void untrack(int descriptor);
 
@@ -51,7 +63,7 @@ class FakeFtpServer {
   std::uint64_t received_ = 0;
   std::vector<std::string> log_;
   std::set<int> open_;
-  std::vector<std::thread> sessions_;
+  std::list<SessionThread> sessions_;
   std::thread acceptor_;
 };
 
