@@ -1,34 +1,27 @@
 #include "ftp/command_batches.h"
 
-#include <curl/curl.h>
-
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
+#include <limits>
 #include <utility>
 
-namespace {
-
-// The first release seen not to count the replies to pre-transfer commands
-// is 8.14.1 (Debian 13); 8.14.0 stands for it.
-constexpr unsigned int kFirstReleaseNotCounting = 0x080E00;
-
-}  // namespace
-
-bool counts_command_replies(unsigned int version_num, const char* forced) {
-  if (forced != nullptr) {
-    const std::string_view answer = forced;
-    if (answer == "counted") return true;
-    if (answer == "uncounted") return false;
+std::size_t batch_budget(const char* forced) {
+  if (forced == nullptr || *forced == '\0') return kBatchBudget;
+  std::size_t budget = 0;
+  for (const char* digit = forced; *digit != '\0'; ++digit) {
+    if (*digit < '0' || *digit > '9') return kBatchBudget;
+    const auto value = static_cast<std::size_t>(*digit - '0');
+    if (budget > (std::numeric_limits<std::size_t>::max() - value) / 10)
+      return kBatchBudget;
+    budget = budget * 10 + value;
   }
-  return version_num < kFirstReleaseNotCounting;
+  return budget == 0 ? kBatchBudget : budget;
 }
 
-bool command_replies_counted_in_this_process() {
-  // The test variable lets brindle's own tests run both ways on any
-  // libcurl; it is not an option for users.
-  return counts_command_replies(curl_version_info(CURLVERSION_NOW)->version_num,
-                                std::getenv(kCommandRepliesTestVariable));
+std::size_t batch_budget_of_this_process() {
+  // The test variable lets brindle's own tests and fuzzers split small
+  // lists; it is not an option for users.
+  return batch_budget(std::getenv(kBatchBudgetTestVariable));
 }
 
 std::size_t command_cost(const char* command) {

@@ -1,20 +1,21 @@
-// Requests whose replies grow with the work, split into several where the
-// running libcurl cannot take all the replies of one: a long list of
-// pre-transfer commands (CURLOPT_QUOTE), and the creation of a long chain
-// of missing directories (CURLOPT_FTP_CREATE_MISSING_DIRS), whose "MKD"
-// replies echo ever longer paths.
+// Requests whose replies grow with the work, spread over several requests
+// once the work passes a budget: a long list of pre-transfer commands
+// (CURLOPT_QUOTE), and the creation of a long chain of missing directories
+// (CURLOPT_FTP_CREATE_MISSING_DIRS), whose "MKD" replies echo ever longer
+// paths.
 //
-// libcurl 7.88.1 as Debian 12 ships it counts the server's replies to these
-// commands against its limit of 300 KiB on the response headers of one
-// request: a request of some nine thousand short "DELE"s fails midway ("Too
-// large response headers: 307210 > 307200", or a receive error), after the
-// commands before that point have run. The count starts afresh with every
-// request, so there a long list goes out as several requests, each a whole
-// number of commands well inside the limit. libcurl 8.14.1 (Debian 13) does
-// not count these replies, and the list goes out as one request. Releases in
-// between have not been checked and split as well, which costs a few
-// requests and changes nothing else. Delete the split once no supported
-// system ships a libcurl older than 8.14.0.
+// Two costs of libcurl grow with one request's commands. libcurl finds each
+// next pre-transfer command by walking the list from its head, so one
+// request of n commands costs it n²/2 steps: a remove of 100,001 entries in
+// one request took 32 to 40 s of CPU with libcurl 8.14.1, against a few
+// seconds in batches. And libcurl 7.88.1 (Debian 12) counts the server's
+// replies to these commands against its limit of 300 KiB on the response
+// headers of one request: a request of some nine thousand short "DELE"s
+// fails midway ("Too large response headers: 307210 > 307200"), after the
+// commands before that point have run. Both counts start afresh with every
+// request. So work that fits the budget below goes out as one request, and
+// longer work as several in turn, each a whole number of commands within
+// it, on every libcurl.
 
 #ifndef BRINDLE_FTP_COMMAND_BATCHES_H_
 #define BRINDLE_FTP_COMMAND_BATCHES_H_
@@ -25,26 +26,24 @@
 
 #include "ftp/command_list.h"
 
-// The variable that decides, for tests only, whether replies are taken to
-// count ("counted") or not ("uncounted"). Any other value, or none, leaves
-// the answer to the libcurl release.
-inline constexpr const char* kCommandRepliesTestVariable =
-    "BRINDLE_TEST_COMMAND_REPLIES";
-
-// Whether a libcurl of `version_num` (as curl_version_info() gives it:
-// 0xXXYYZZ) counts the replies to pre-transfer commands against its limit:
-// before 8.14.0 it does, from then on not, unless `forced` (the test
-// variable's value, or null) says otherwise.
-bool counts_command_replies(unsigned int version_num, const char* forced);
-
-// The same for the libcurl this process runs with, honouring the test
-// variable.
-bool command_replies_counted_in_this_process();
-
-// What the commands of one request may cost, in bytes: half of libcurl's
-// limit of 307,200, which leaves the other half for the login, the
+// What the commands of one request may cost, in bytes: half of libcurl
+// 7.88's limit of 307,200, which leaves the other half for the login, the
 // request's own commands and any reply longer than its estimate.
 inline constexpr std::size_t kBatchBudget = 153600;
+
+// The variable that sets another budget, in bytes, for tests only: a
+// decimal number from 1 on, so that small trees split too. Any other value,
+// or none, leaves kBatchBudget.
+inline constexpr const char* kBatchBudgetTestVariable =
+    "BRINDLE_TEST_BATCH_BUDGET";
+
+// The budget that `forced` (the test variable's value, or null) gives:
+// its number when it is a whole decimal number from 1 on that fits a
+// std::size_t, else kBatchBudget.
+std::size_t batch_budget(const char* forced);
+
+// The budget of this process, honouring the test variable.
+std::size_t batch_budget_of_this_process();
 
 // What a command adds to the estimate besides its own length, which a reply
 // may echo ("250 Deleted <path>"): room for the reply code and its text.
@@ -58,7 +57,8 @@ std::size_t command_cost(const char* command);
 // batch begins with "NOOP" (later ones get one of their own, which counts
 // towards their cost) and holds at least one command after it, even one that
 // alone exceeds the budget. A list that fits comes back unchanged as the
-// only batch; an empty one comes back as no batch at all.
+// only batch; an empty one comes back as no batch at all. Linear in the
+// length of the list.
 std::vector<CommandList> split_into_batches(CommandList commands,
                                             std::size_t budget);
 

@@ -74,13 +74,17 @@ bool RemoteEntry::is_directory() const {
 }
 
 std::string RemoteEntry::entry_name(bool want_target) const {
+  return std::string(entry_name_view(want_target));
+}
+
+std::string_view RemoteEntry::entry_name_view(bool want_target) const {
   const std::string_view name = capture(Field::name).text;
   if (capture(Field::type) == "l") {
     const auto arrow = name.find(" -> ");
-    if (!want_target) return std::string(name.substr(0, arrow));
+    if (!want_target) return name.substr(0, arrow);
     // Without an arrow, npos + 4 wraps to 3: the name from its fourth
     // character on, out of range for a name shorter than three characters.
-    return std::string(name.substr(arrow + 4));
+    return name.substr(arrow + 4);
   }
-  return std::string(name);
+  return name;
 }

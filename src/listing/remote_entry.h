@@ -52,6 +52,8 @@ class RemoteEntry {
   // text from the fourth character on (std::out_of_range when it is shorter
   // than three characters).
   std::string entry_name(bool want_target) const;
+  // The same, as a view into line().
+  std::string_view entry_name_view(bool want_target) const;
 
   // The regular expression text, exactly as matched.
   static const char* pattern_text();

@@ -13,9 +13,10 @@ void for_each_child(const RemoteListing& listing,
                     const std::filesystem::path& directory,
                     const ChildVisitor& visit,
                     const UnsafeChildHandler& refuse) {
-  std::unordered_set<std::string> visited;
+  std::unordered_set<std::string_view> visited;
+  visited.reserve(listing.size());
   for (const RemoteEntry& child : listing) {
-    const std::string name = child.entry_name(false);
+    const std::string_view name = child.entry_name_view(false);
     switch (classify_child_name(name)) {
       case ChildName::self_or_parent:
         break;

@@ -16,7 +16,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <string>
 #include <string_view>
 
 #include "listing/remote_listing.h"
@@ -29,9 +28,9 @@ ChildName classify_child_name(std::string_view name);
 inline constexpr std::string_view kUnsafeNameReason = "unsafe file name";
 
 // Called with a child that a walk may enter and its name (for a link, the
-// part before " -> ").
+// part before " -> "), a view into the child's line.
 using ChildVisitor =
-    std::function<void(const RemoteEntry& child, const std::string& name)>;
+    std::function<void(const RemoteEntry& child, std::string_view name)>;
 // Called with `directory` joined to a refused name.
 using UnsafeChildHandler =
     std::function<void(const std::filesystem::path& path)>;
@@ -39,7 +38,8 @@ using UnsafeChildHandler =
 // Goes through `listing`, the children of `directory`, in listing order:
 // passes over "." and "..", calls `refuse` for a name that is not one path
 // element and `visit` for every other child whose name it has not visited
-// before. An exception from either ends the walk.
+// before. The names already visited are kept as views into the listing's
+// lines, not as copies. An exception from either ends the walk.
 void for_each_child(const RemoteListing& listing,
                     const std::filesystem::path& directory,
                     const ChildVisitor& visit,

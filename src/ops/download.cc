@@ -71,7 +71,7 @@ void download_directory(FtpClient& client, const fs::path& full_path,
   const RemoteListing listing = list_directory(client, full_path);
   for_each_child(
       listing, full_path,
-      [&](const RemoteEntry& child, const std::string& name) {
+      [&](const RemoteEntry& child, std::string_view name) {
         download_entry(client, full_path, child, local_target / name,
                        follow_symlinks);
       },

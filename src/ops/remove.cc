@@ -1,7 +1,6 @@
 #include "ops/remove.h"
 
 #include <cstddef>
-#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -52,21 +51,21 @@ void remove_command(const FtpSettings& settings, const fs::path& remote_path,
   collect_removals(client, remote.parent_path(), entry, commands,
                    login_directory);
 
-  // Where libcurl counts the replies to these commands against its limit on
-  // one request's replies, the list goes out as several requests in turn,
-  // each within that limit (ftp/command_batches.h); elsewhere as one.
-  const std::vector<CommandList> batches = split_into_batches(
-      std::move(commands), command_replies_counted_in_this_process()
-                               ? kBatchBudget
-                               : std::numeric_limits<std::size_t>::max());
+  // A list within the budget goes out as one request; a longer one as
+  // several in turn, each within it (ftp/command_batches.h).
+  const std::vector<CommandList> batches =
+      split_into_batches(std::move(commands), batch_budget_of_this_process());
   // The library sends these commands on a reused connection before it
   // returns to the login directory, that is in the directory that the last
   // listing entered. Absolute commands do not mind and go out on that one
   // connection. Relative ones (a relative remote path, or an absolute one
   // below a login directory that the server did not name) must be resolved
-  // against the login directory, so for them each request logs in afresh,
-  // and every one but the last closes its connection, so that the next
-  // cannot take up the walk's connection instead of a new one.
+  // against the login directory: only a new login starts there, so each of
+  // their requests opens a new connection (CURLOPT_FRESH_CONNECT). Every one
+  // but the last also closes its connection when it ends
+  // (CURLOPT_FORBID_REUSE), so that no more than two sessions are open at
+  // any time: the walk's, kept for the last request to leave in the cache,
+  // and the one of the batch at hand.
   const bool relative = !remote.has_root_directory() ||
                         !is_known_login_directory(login_directory);
   for (std::size_t i = 0; i < batches.size(); ++i) {
@@ -78,7 +77,8 @@ void remove_command(const FtpSettings& settings, const fs::path& remote_path,
     }
     // The empty path addresses the server's base URL: the commands run
     // before any change of directory, and the listing that follows them is
-    // dropped.
+    // dropped. A failed request is retried on its own: the batches before
+    // it have taken effect.
     client.perform(fs::path());
   }
 }
@@ -96,7 +96,7 @@ void collect_removals(FtpClient& client, const fs::path& remote_dir,
   // A refused name ends the walk before anything has been sent.
   for_each_child(
       listing, full_path,
-      [&](const RemoteEntry& child, const std::string& /*name*/) {
+      [&](const RemoteEntry& child, std::string_view /*name*/) {
         collect_removals(client, full_path, child, commands, login_directory);
       },
       [](const fs::path& unsafe) {

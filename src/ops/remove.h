@@ -1,14 +1,14 @@
 // The "remove" command: one remote file or link or, recursively, a remote
-// tree, deleted by one request.
+// tree.
 //
 // The tree is first walked with listings only, collecting "DELE <path>" for
 // every non-directory and "RMD <path>" for every directory, children before
 // their directory, behind a leading "NOOP". The whole list is then sent as
-// the pre-transfer commands of a single request (of several in turn where
-// libcurl limits the replies of one: ftp/command_batches.h), so a failure
-// while walking deletes nothing. The server resolves these commands itself, so
-// their paths name the walk's entries as the server sees them
-// (ftp/login_directory.h).
+// the pre-transfer commands of a single request, or of several in turn when
+// it passes the budget of one (ftp/command_batches.h), each beginning with
+// "NOOP". A failure while walking deletes nothing. The server resolves these
+// commands itself, so their paths name the walk's entries as the server sees
+// them (ftp/login_directory.h).
 
 #ifndef BRINDLE_OPS_REMOVE_H_
 #define BRINDLE_OPS_REMOVE_H_

@@ -56,21 +56,19 @@ void upload_directory(FtpClient& client, const fs::path& local_path,
   }
 }
 
-// Where libcurl counts the replies of one request against its limit (see
-// ftp/command_batches.h), a file deep below directories that may all be
-// missing would have its request fail on the "MKD" replies, which echo ever
-// longer paths. Such a chain is created first, a part at a time, by
-// requests that only enter the directories of a leading part of the path,
-// creating those that are missing, and transfer nothing. Any other file
-// path, and every path where replies are not counted, needs none of them.
+// A file deep below directories that may all be missing would have its
+// request's "MKD" replies, which echo ever longer paths, pass the budget of
+// one request (see ftp/command_batches.h). Such a chain is created first, a
+// part at a time, by requests that only enter the directories of a leading
+// part of the path, creating those that are missing, and transfer nothing.
+// Any other file path needs none of them.
 void create_directories_in_steps(FtpClient& client,
                                  const fs::path& remote_path) {
-  if (!command_replies_counted_in_this_process()) return;
   const fs::path directory = remote_path.parent_path();
   const std::optional<std::string>& login = client.login_directory();
   const std::size_t login_length = login ? login->size() : 0;
   const std::vector<std::size_t> steps =
-      directory_steps(directory, login_length, kBatchBudget);
+      directory_steps(directory, login_length, batch_budget_of_this_process());
   auto next = steps.begin();
   fs::path leading;
   std::size_t levels = 0;

@@ -2,25 +2,22 @@
 written out independently of its code so that the tests can tell what the
 server must receive.
 
-libcurl before 8.14 (7.88.1 on Debian 12) counts the replies to a request's
-pre-transfer commands, and to the "MKD"s of the directories it creates,
-against its 300 KiB limit on one request's replies.  There brindle sends
-the deletions of a removal in batches: each "NOOP" and as many whole
-commands as fit in BUDGET, a command costing its length plus MARGIN.  And
-it creates a long chain of missing directories in steps, each a request of
-its own (directory_steps).  Later libcurl releases do all in one request.
-The test variable VARIABLE forces either way on any libcurl.
+brindle sends the deletions of a removal as one request while their cost
+fits BUDGET, and in batches beyond it: each "NOOP" and as many whole
+commands as fit in the budget, a command costing its length plus MARGIN.
+And it creates a long chain of missing directories in steps, each a request
+of its own (directory_steps).  This holds on every libcurl.  The test
+variable VARIABLE sets another budget, so that small trees split too.
 """
-
-import libcurl
 
 BUDGET = 153600
 MARGIN = 64
-VARIABLE = "BRINDLE_TEST_COMMAND_REPLIES"
+VARIABLE = "BRINDLE_TEST_BATCH_BUDGET"
 
-# Whether the libcurl in use counts the replies, and so whether brindle
-# splits when the test variable is not set.
-COUNTED = not libcurl.at_least(8, 14)
+
+def env(budget=None):
+    """The environment that gives brindle `budget` (None: its own)."""
+    return {} if budget is None else {VARIABLE: str(budget)}
 
 
 def cost(command, arg=None):
@@ -30,16 +27,14 @@ def cost(command, arg=None):
     return len(line.encode("utf-8", "surrogateescape")) + MARGIN
 
 
-def split(deletions, counted=COUNTED):
+def split(deletions, budget=BUDGET):
     """The requests that carry deletions ((command, argument) pairs after
     the leading NOOP): a list of runs, each starting with ("NOOP", "")."""
-    if not counted:
-        return [[("NOOP", "")] + list(deletions)]
     runs = []
     run, spent = None, 0
     for command in deletions:
         if run is not None and len(run) > 1 and \
-                spent + cost(*command) > BUDGET:
+                spent + cost(*command) > budget:
             runs.append(run)
             run = None
         if run is None:
@@ -51,14 +46,12 @@ def split(deletions, counted=COUNTED):
     return runs
 
 
-def directory_steps(names, login_length=0, counted=COUNTED):
+def directory_steps(names, login_length=0, budget=BUDGET):
     """The numbers of leading names of a chain of missing directories that
     brindle creates, each by a request of its own, before the request that
     creates the rest: a request passing through k existing directories and
     creating the next ones costs k * MARGIN, and for each new one its
     server path (login directory and chain so far) plus 3 * MARGIN."""
-    if not counted:
-        return []
     creation, prefix = [], 0
     for name in names:
         prefix += 1 + len(name.encode("utf-8", "surrogateescape"))
@@ -66,7 +59,7 @@ def directory_steps(names, login_length=0, counted=COUNTED):
     steps, done = [], 0
     while done < len(creation):
         cost, end = done * MARGIN + creation[done], done + 1
-        while end < len(creation) and cost + creation[end] <= BUDGET:
+        while end < len(creation) and cost + creation[end] <= budget:
             cost += creation[end]
             end += 1
         if end == len(creation):

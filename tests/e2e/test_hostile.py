@@ -22,7 +22,6 @@ import time
 
 import pytest
 
-import batches
 import ftptest
 import libcurl
 from ftptest import DIR, b64, snapshot
@@ -362,13 +361,11 @@ def test_mebibyte_name_in_a_removal_is_never_sent(brindle, scripted):
 
     # libcurl does not send a command line that long (its limit is below
     # 64 kB) and leaves its error text empty; the commands before it have
-    # taken effect. Where libcurl counts the replies to these commands, the
-    # deletions go out in batches, and a command longer than a batch may be
-    # gets a request of its own, which fails at it after its own NOOP.
+    # taken effect. A command longer than the budget of a request gets a
+    # request of its own, which fails at it after its own NOOP.
     assert outcome(result) == (1, b"", request_failure(scripted, "", ""))
     assert quote_commands(scripted) == [
-        ("NOOP", ""), ("DELE", "/d/a.txt")] + (
-        [("NOOP", "")] if batches.COUNTED else [])
+        ("NOOP", ""), ("DELE", "/d/a.txt"), ("NOOP", "")]
     assert not scripted.path("d/a.txt").exists()
     assert scripted.path("d").is_dir()
 

@@ -1,20 +1,22 @@
-"""Work too large for the replies of one request: removals of large trees,
-and uploads below long chains of new directories.
+"""Work too large for one request: removals of large trees, and uploads
+below long chains of new directories.
 
-libcurl 7.88.1 (Debian 12) counts the server's replies to a request's
-pre-transfer commands, and to the "MKD"s of the directories it creates,
-against its 300 KiB limit on one request's replies, which a removal of some
-nine thousand short entries (or far fewer long ones) reaches, and so does
-an upload that creates 600 levels of directories, whose "MKD" replies echo
-ever longer paths.  There brindle sends the deletions in batches, each its
-own request on the same connection, and creates such a chain in steps;
-libcurl 8.14 (Debian 13) does each in one request.  batches.py says what
-the server must receive either way.
+One request's cost grows with its commands: libcurl walks its list of
+pre-transfer commands from the head for each one (n*n/2 steps for n), and
+libcurl 7.88.1 (Debian 12) counts the server's replies to them, and to the
+"MKD"s of the directories it creates, against its 300 KiB limit on one
+request's replies, which a removal of some nine thousand short entries (or
+far fewer long ones) reaches, and so does an upload that creates 600 levels
+of directories, whose "MKD" replies echo ever longer paths.  So brindle
+sends deletions beyond a budget in batches, each its own request, and
+creates such a chain in steps, on every libcurl.  batches.py says what the
+server must receive.
 
 The daemons' tests remove 20,000 entries with long names, so that the
 replies are long (Pure-FTPd echoes the path in each).  The scripted server's
-tests force either behaviour of libcurl with brindle's test variable and
-check the exact commands around the budget and what a retry resends.
+tests check the exact commands around the budget and what a retry resends.
+Small trees with a small budget, set by brindle's test variable, show the
+batches on the scripted server and on vsftpd, with and without chroot.
 """
 
 import posixpath
@@ -22,17 +24,17 @@ import posixpath
 import pytest
 
 import batches
+import libcurl
 from checks import assert_failed, assert_ok
 from ftptest import DIR, named, snapshot
 from test_remove import deletion_runs, sessions_of
 from test_upload import make_local
 
 
-def remove(brindle, server, remote, *flags, counted=None, timeout=300):
-    env = {} if counted is None else {
-        batches.VARIABLE: "counted" if counted else "uncounted"}
+def remove(brindle, server, remote, *flags, budget=None, timeout=300):
     return brindle.run("--remove", "--remote-path", remote, *flags,
-                       *server.args(), env=env, timeout=timeout)
+                       *server.args(), env=batches.env(budget),
+                       timeout=timeout)
 
 
 def url(server):
@@ -66,8 +68,7 @@ def assert_post_order(deletions, server, dirs, files):
     """Every entry deleted once, each directory after all it held."""
     paths = [server.server_path(p) for p in files]
     expected = sorted([("DELE", p) for p in paths] +
-                      [("RMD", server.server_path(p)) for p in dirs] +
-                      [("RMD", server.server_path("/big"))])
+                      [("RMD", server.server_path(p)) for p in dirs])
     assert sorted(deletions) == expected
     position = {arg: i for i, (_, arg) in enumerate(deletions)}
     for (command, arg) in deletions:
@@ -94,20 +95,17 @@ def test_remove_20000_entries_with_long_names(brindle, start_server, kind):
         commands = server.commands()
         deletions = named(commands, "DELE", "RMD")
         assert len(deletions) == 20001
-        assert_post_order(deletions, server, dirs, files)
+        assert_post_order(deletions, server, dirs + ["/big"], files)
         # One login; one listing for the lookup, one per directory and one
-        # per request of deletions, which are the batches of batches.py
-        # where libcurl counts their replies and a single one elsewhere.
+        # per request of deletions, which are the batches of batches.py.
         expected = batches.split(deletions)
         assert deletion_runs(commands) == expected
         assert named(commands, "USER") == [("USER", server.user)]
         assert len(named(commands, "LIST")) == 1 + 101 + len(expected)
-        if batches.COUNTED:
-            # Long paths: at least as many requests as Pure-FTPd's replies,
-            # which echo them, need to stay below libcurl's limit.
-            replies = sum(len("250 Deleted " + arg) + 2
-                          for _, arg in deletions)
-            assert len(expected) > replies // 307200
+        # Long paths: at least as many requests as Pure-FTPd's replies,
+        # which echo them, need to stay below libcurl 7.88's limit.
+        replies = sum(len("250 Deleted " + arg) + 2 for _, arg in deletions)
+        assert len(expected) > replies // 307200
     finally:
         server.stop()
 
@@ -135,25 +133,23 @@ def make_flat_tree(server, total_cost):
     return deletions
 
 
-@pytest.mark.parametrize("counted", [True, False],
-                         ids=["replies-counted", "replies-uncounted"])
 @pytest.mark.parametrize("over", [0, 1], ids=["at-the-budget",
                                               "one-byte-over"])
-def test_remove_around_the_budget(brindle, scripted, counted, over):
+def test_remove_around_the_budget(brindle, scripted, over):
     deletions = make_flat_tree(scripted, batches.BUDGET + over)
     scripted.make_file("keep.txt", b"k")
 
-    result = remove(brindle, scripted, "/t", "--recursive", counted=counted)
+    result = remove(brindle, scripted, "/t", "--recursive")
 
     assert_ok(result)
-    if counted and over:
+    if over:
         # The last command that does not fit opens a second request, on
         # the same connection, after the first request's listing.
         requests = [[("NOOP", "")] + deletions[:-1],
                     [("NOOP", ""), ("RMD", "/t")]]
     else:
         requests = [[("NOOP", "")] + deletions]
-    assert batches.split(deletions, counted) == requests
+    assert batches.split(deletions) == requests
     expected = [(1, "USER", scripted.user), (1, "LIST", ""),
                 (1, "LIST", "")]
     for request in requests:
@@ -167,9 +163,9 @@ def test_remove_relative_path_in_batches(brindle, scripted):
     # Relative commands need a session that starts in the login directory:
     # each request logs in afresh, never on the walk's connection.
     deletions = make_flat_tree(scripted, batches.BUDGET + 1000)
-    first, second = batches.split([(c, a[1:]) for c, a in deletions], True)
+    first, second = batches.split([(c, a[1:]) for c, a in deletions])
 
-    result = remove(brindle, scripted, "t", "--recursive", counted=True)
+    result = remove(brindle, scripted, "t", "--recursive")
 
     assert_ok(result)
     assert sessions_of(scripted, {"USER", "NOOP", "DELE", "RMD"}) == [
@@ -179,14 +175,102 @@ def test_remove_relative_path_in_batches(brindle, scripted):
     assert snapshot(scripted.root) == {}
 
 
+# ------------------------------- small trees, one request or in batches
+
+# A budget of two or three deletions a request on the servers below.
+SMALL_BUDGET = 300
+BATCH_SERVERS = ["scripted", "vsftpd", "vsftpd-nochroot"]
+
+
+def make_small_tree(server):
+    """/s: six files in three levels, beside a folder that stays; returns
+    the directories and files of /s."""
+    files = ["/s/a.txt", "/s/b.txt", "/s/sub/c.txt", "/s/sub/d.txt",
+             "/s/sub/deeper/e.txt", "/s/z.txt"]
+    for path in files:
+        server.make_file(path[1:], path.encode())
+    server.make_file("s-sibling/kept.txt", b"kept")
+    return ["/s", "/s/sub", "/s/sub/deeper"], files
+
+
+def assert_only_the_sibling_is_left(server):
+    assert snapshot(server.root) == {"s-sibling": DIR,
+                                     "s-sibling/kept.txt": b"kept"}
+
+
+@pytest.mark.parametrize("budget", [None, SMALL_BUDGET],
+                         ids=["one-request", "batches"])
+@pytest.mark.parametrize("kind", BATCH_SERVERS)
+def test_remove_small_tree(brindle, start_server, kind, budget):
+    server = start_server(kind)
+    try:
+        dirs, files = make_small_tree(server)
+
+        result = remove(brindle, server, "/s", "--recursive", budget=budget)
+
+        assert_ok(result)
+        assert_only_the_sibling_is_left(server)
+        server.wait_idle()
+        commands = server.commands()
+        deletions = named(commands, "DELE", "RMD")
+        assert_post_order(deletions, server, dirs, files)
+        # The whole list as one request; with the small budget, batches in
+        # the same order, each behind a NOOP of its own.
+        if budget is None:
+            assert deletion_runs(commands) == [[("NOOP", "")] + deletions]
+        else:
+            runs = batches.split(deletions, budget)
+            assert len(runs) >= 3
+            assert deletion_runs(commands) == runs
+        # Absolute paths: every request on the one login.
+        assert named(commands, "USER") == [("USER", server.user)]
+    finally:
+        server.stop()
+
+
+@pytest.mark.parametrize("kind", BATCH_SERVERS)
+def test_remove_small_tree_by_relative_path_in_batches(brindle,
+                                                        start_server, kind):
+    server = start_server(kind)
+    try:
+        dirs, files = make_small_tree(server)
+
+        result = remove(brindle, server, "s", "--recursive",
+                        budget=SMALL_BUDGET)
+
+        assert_ok(result)
+        assert_only_the_sibling_is_left(server)
+        server.wait_idle()
+        commands = server.commands()
+        deletions = named(commands, "DELE", "RMD")
+        # Relative paths, resolved by the server against the login
+        # directory.
+        assert sorted(deletions) == sorted(
+            [("DELE", f[1:]) for f in files] + [("RMD", d[1:]) for d in dirs])
+        runs = batches.split(deletions, SMALL_BUDGET)
+        assert len(runs) >= 3
+        # The walk's login, then a new login before every batch.
+        expected = [("USER", server.user)]
+        for run in runs:
+            expected += [("USER", server.user)] + run
+        assert named(commands, "USER", "NOOP", "DELE", "RMD") == expected
+    finally:
+        server.stop()
+
+
 # ------------------------------------------------ retries of one request
 
+# A budget of four deletions of make_flat_tree's names a request: its tree
+# of 1,750 bytes goes out in two requests of five commands each.
+SPLIT_BUDGET = 1200
+
+
 def split_tree(server):
-    """A /t of two requests when replies are counted; the deletions of the
-    first and of the second."""
-    deletions = make_flat_tree(server, 2 * batches.BUDGET - 1000)
-    first, second = batches.split(deletions, True)
-    assert len(second) > 3
+    """A /t of two requests with SPLIT_BUDGET; the deletions of the first
+    and of the second."""
+    deletions = make_flat_tree(server, 1750)
+    first, second = batches.split(deletions, SPLIT_BUDGET)
+    assert len(first) == len(second) == 5
     return first[1:], second[1:]
 
 
@@ -197,7 +281,7 @@ def remove_dropped_at(brindle, server, command):
         {"command": command[0], "arg": command[1],
          "reply": "421 Scripted shutdown", "close": True, "times": 1}]})
     return remove(brindle, server, "/t", "--recursive", "--retry", "1",
-                  "--retry-delay", "0", counted=True)
+                  "--retry-delay", "0", budget=SPLIT_BUDGET)
 
 
 def test_retry_resends_only_the_failed_request(brindle, scripted):
@@ -251,14 +335,12 @@ CHAIN = ["abcdefghi"] * 180
 DEEP_CHAIN = ["ab"] * 1333
 
 
-def upload_deep(brindle, server, account, chain, counted=None):
+def upload_deep(brindle, server, account, chain, budget=None):
     make_local(brindle.workdir, "f.txt", b"deep")
-    env = {} if counted is None else {
-        batches.VARIABLE: "counted" if counted else "uncounted"}
     return brindle.run("--upload", "--local-user", account.name,
                        "--local-path", "f.txt",
                        "--remote-path", "/" + "/".join(chain) + "/f.txt",
-                       *server.args(), env=env, timeout=120)
+                       *server.args(), env=batches.env(budget), timeout=120)
 
 
 def assert_deep_file(server, chain):
@@ -277,16 +359,20 @@ def requests_of(commands):
     return requests
 
 
-@pytest.mark.parametrize("counted", [True, False],
-                         ids=["replies-counted", "replies-uncounted"])
+# A budget that the whole chain fits: one request creates it all.
+WHOLE_CHAIN = 10 ** 9
+
+
+@pytest.mark.parametrize("budget", [None, WHOLE_CHAIN],
+                         ids=["in-steps", "in-one-request"])
 def test_upload_below_a_deep_new_chain(brindle, scripted, local_account,
-                                       counted):
-    result = upload_deep(brindle, scripted, local_account, CHAIN, counted)
+                                       budget):
+    result = upload_deep(brindle, scripted, local_account, CHAIN, budget)
 
     commands = scripted.commands()
-    if batches.COUNTED and not counted:
-        # The libcurl in use does count the replies: without the steps the
-        # one request overruns its limit, after creating part of the chain.
+    if budget == WHOLE_CHAIN and not libcurl.at_least(8, 14):
+        # libcurl 7.88 counts the replies: without the steps the one
+        # request overruns its limit, after creating part of the chain.
         assert result.status == 1, result
         assert result.stdout == b""
         assert result.stderr.startswith(
@@ -304,8 +390,8 @@ def test_upload_below_a_deep_new_chain(brindle, scripted, local_account,
     # Each step is a request of its own that enters the chain, creates the
     # next levels and transfers nothing; the last request creates the rest
     # and stores the file.
-    steps = batches.directory_steps(CHAIN, counted=counted)
-    assert bool(steps) == counted
+    steps = batches.directory_steps(CHAIN, budget=budget or batches.BUDGET)
+    assert bool(steps) == (budget is None)
     requests = requests_of(commands)
     assert [len(named(r, "MKD")) for r in requests] == [
         b - a for a, b in zip([0] + steps, steps + [len(CHAIN)])]
@@ -331,8 +417,7 @@ def test_upload_below_a_deep_new_chain_on_daemons(brindle, start_server,
         assert len(named(commands, "MKD")) == len(chain)
         assert len(named(commands, "STOR")) == 1
         assert named(commands, "USER") == [("USER", server.user)]
-        # The requests: the steps of batches.py where libcurl counts the
-        # replies, one otherwise.
+        # The requests: the steps of batches.py.
         steps = batches.directory_steps(chain)
         assert len(requests_of(commands)) == len(steps) + 1
     finally:

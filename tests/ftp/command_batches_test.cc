@@ -36,18 +36,18 @@ std::size_t cost_of(const Lines& lines) {
   return cost;
 }
 
-TEST(CommandBatches, CountedBefore8_14AndNotFromThenOn) {
-  EXPECT_TRUE(counts_command_replies(0x075801, nullptr));   // 7.88.1
-  EXPECT_TRUE(counts_command_replies(0x080D00, nullptr));   // 8.13.0
-  EXPECT_FALSE(counts_command_replies(0x080E00, nullptr));  // 8.14.0
-  EXPECT_FALSE(counts_command_replies(0x080E01, nullptr));  // 8.14.1
+TEST(CommandBatches, BudgetIsTheDefaultUnlessTheTestVariableSetsOne) {
+  EXPECT_EQ(batch_budget(nullptr), kBatchBudget);
+  EXPECT_EQ(batch_budget("1"), 1u);
+  EXPECT_EQ(batch_budget("600"), 600u);
+  EXPECT_EQ(batch_budget("1000000000"), 1000000000u);
 }
 
-TEST(CommandBatches, TestVariableForcesEitherAnswer) {
-  EXPECT_FALSE(counts_command_replies(0x075801, "uncounted"));
-  EXPECT_TRUE(counts_command_replies(0x080E01, "counted"));
-  EXPECT_TRUE(counts_command_replies(0x075801, "other"));
-  EXPECT_FALSE(counts_command_replies(0x080E01, ""));
+TEST(CommandBatches, TestVariableThatIsNoPositiveNumberLeavesTheDefault) {
+  for (const char* value : {"", "0", "000", "-1", "+5", " 5", "5 ", "5k",
+                            "0x10", "1.5", "99999999999999999999999999"}) {
+    EXPECT_EQ(batch_budget(value), kBatchBudget) << "'" << value << "'";
+  }
 }
 
 TEST(CommandBatches, CostIsLengthPlusMargin) {

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -62,8 +63,9 @@ struct Walk {
   void run(const RemoteListing& listing, const fs::path& directory) {
     for_each_child(
         listing, directory,
-        [this](const RemoteEntry& child, const std::string& name) {
-          calls.push_back("visit " + name + " (" + child.line() + ")");
+        [this](const RemoteEntry& child, std::string_view name) {
+          calls.push_back("visit " + std::string(name) + " (" + child.line() +
+                          ")");
         },
         [this](const fs::path& path) {
           calls.push_back("refuse " + path.native());
@@ -140,8 +142,8 @@ TEST(ForEachChild, AnExceptionFromRefuseEndsTheWalk) {
   std::vector<std::string> visited;
   EXPECT_THROW(for_each_child(
                    listing, "/d",
-                   [&visited](const RemoteEntry&, const std::string& name) {
-                     visited.push_back(name);
+                   [&visited](const RemoteEntry&, std::string_view name) {
+                     visited.emplace_back(name);
                    },
                    [](const fs::path& path) {
                      throw std::runtime_error("refused " + path.native());
