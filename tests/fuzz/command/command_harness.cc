@@ -11,7 +11,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -22,6 +24,7 @@
 #include "command/harness_failure.h"
 #include "command/scenario.h"
 #include "command/server_tree.h"
+#include "ftp/path.h"
 #include "listing/list_command.h"
 #include "ops/download.h"
 #include "ops/remove.h"
@@ -252,7 +255,7 @@ void run(FuzzedCommand command, const Scenario& scenario,
                          const std::vector<std::string>& commands) {
   std::cerr << "\n== " << problem << "\n== command line:";
   for (const std::string& word : words) std::cerr << " '" << word << "'";
-  std::cerr << "\n== commands the server received:\n";
+  std::cerr << "\n== commands the server received, and its replies:\n";
   for (const std::string& line : commands) std::cerr << "   " << line << "\n";
   std::cerr << std::flush;
   std::abort();
@@ -302,6 +305,98 @@ class WorkingDirectory {
   int saved_;
 };
 
+// BRINDLE_TEST_BATCH_BUDGET as the scenario says while it lives (set to its
+// text, or unset), and unset after, so that no input inherits another's.
+class BatchBudget {
+ public:
+  explicit BatchBudget(const std::optional<std::string>& budget) {
+    unsetenv(kBatchBudgetVariable);
+    // A NUL byte would end the value anyway.
+    if (budget) setenv(kBatchBudgetVariable, budget->c_str(), 1);
+  }
+  ~BatchBudget() { unsetenv(kBatchBudgetVariable); }
+  BatchBudget(const BatchBudget&) = delete;
+  BatchBudget& operator=(const BatchBudget&) = delete;
+
+ private:
+  static constexpr const char* kBatchBudgetVariable =
+      "BRINDLE_TEST_BATCH_BUDGET";
+};
+
+// The files that an upload of `local` to the server path `remote` sends,
+// each with its content, in the way the upload treats the local tree: a
+// directory's entries below it under their names, a symbolic link skipped
+// unless links are followed (then its target under the link's name, if it
+// resolves), and anything else read as a file.
+void uploaded_files(const fs::path& local, const std::string& remote,
+                    bool follow,
+                    std::vector<std::pair<std::string, std::string>>& files) {
+  std::error_code error;
+  const fs::file_status own = fs::symlink_status(local, error);
+  if (error) return;
+  if (fs::is_symlink(own)) {
+    if (!follow) return;
+    const fs::path target = fs::canonical(local, error);
+    if (!error) uploaded_files(target, remote, true, files);
+  } else if (fs::is_directory(own)) {
+    for (const auto& entry : fs::directory_iterator(local, error))
+      uploaded_files(
+          entry.path(),
+          ServerTree::resolve(remote, entry.path().filename().native()), follow,
+          files);
+  } else {
+    std::ifstream file(local, std::ios::binary);
+    files.emplace_back(remote, std::string(std::istreambuf_iterator<char>(file),
+                                           std::istreambuf_iterator<char>()));
+  }
+}
+
+// What a command that ended normally should have left on the server, or
+// the first thing it did not: a remove's target gone, its own deletion
+// accepted; an upload's every file present with its content, its STOR
+// accepted. Nothing is asked of a run in which an injected reply claimed
+// success, nor of list and download.
+std::string incomplete(FuzzedCommand command, const Scenario& scenario,
+                       const fs::path& local, const std::string& target,
+                       const ServerTree& tree, const CommandWatch& watch) {
+  if (watch.lied()) return "";
+  if (command == FuzzedCommand::remove) {
+    if (tree.exists(target))
+      return "the remove ended normally, but '" + target +
+             "' is still on the server";
+    if (!watch.accepted(target, {"DELE", "RMD", "XRMD"}))
+      return "the remove ended normally, but the server accepted no "
+             "deletion of '" +
+             target + "'";
+  }
+  if (command == FuzzedCommand::upload) {
+    // A remote path that ends in "." or ".." takes the local name.
+    std::string remote = target;
+    const std::string named = scenario.remote.c_str();
+    const std::string last = named.substr(named.rfind('/') + 1);
+    if (last == "." || last == "..")
+      remote = ServerTree::resolve(target,
+                                   normalize_path(local).filename().native());
+    std::vector<std::pair<std::string, std::string>> files;
+    uploaded_files(local, remote, scenario.follow_symlinks, files);
+    for (const auto& [path, content] : files) {
+      const std::optional<std::string> stored = tree.content(path);
+      if (!stored)
+        return "the upload ended normally, but '" + path +
+               "' is not a file on the server";
+      if (*stored != content)
+        return "the upload ended normally, but '" + path + "' holds " +
+               std::to_string(stored->size()) + " bytes, not the " +
+               std::to_string(content.size()) + " of its local file";
+      if (!watch.accepted(path, {"STOR", "APPE", "STOU"}))
+        return "the upload ended normally, but the server accepted no STOR "
+               "of '" +
+               path + "'";
+    }
+  }
+  return "";
+}
+
 }  // namespace
 
 void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
@@ -320,19 +415,30 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
   const std::string login = ServerTree::resolve("/", scenario.login_directory);
   std::string relative = scenario.remote.c_str();
   while (!relative.empty() && relative[0] == '/') relative.erase(0, 1);
-  CommandWatch watch(command, login, ServerTree::resolve(login, relative));
+  const std::string watch_target = ServerTree::resolve(login, relative);
+  CommandWatch watch(command, login, watch_target);
 
   std::vector<std::string> words;
   std::string failure;
   std::string message = "(ended without failure)";
   std::vector<std::string> commands;
+  fs::path uploaded;
+  std::optional<ServerTree> tree_after;  // when the command ended normally
   {
     FakeFtpServer server(scenario, watch);
     const Invocation call = invocation(command, scenario, server.port());
     words = call.words;
+    uploaded = call.local;
+    if (scenario.batch_budget)
+      words.insert(words.begin(),
+                   "BRINDLE_TEST_BATCH_BUDGET=" +
+                       std::string(scenario.batch_budget->c_str()));
     try {
       const WorkingDirectory in(local.cwd());
+      const BatchBudget budget(scenario.batch_budget);
       run(command, scenario, call);
+      // The client has gone: its commands have all been answered.
+      tree_after = server.tree();
     } catch (const torvane::TorvaneUtilException& error) {
       message = error.what();
       if (!is_brindle_message(error.what(), server.port()))
@@ -372,6 +478,11 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
   // The server has stopped: the watch has seen everything.
   if (!watch.violations().empty())
     report(watch.violations().front(), words, commands);
+  if (tree_after) {
+    const std::string missing = incomplete(command, scenario, uploaded,
+                                           watch_target, *tree_after, watch);
+    if (!missing.empty()) report(missing, words, commands);
+  }
   const Sandbox::State after = sandbox_step(
       "sandbox", [&local, download] { return local.state(download); });
   if (after != before) {

@@ -208,8 +208,10 @@ std::string quoted_directory(const std::string& directory,
 // commands it receives.
 class FakeFtpServer::Session {
  public:
-  Session(FakeFtpServer& server, int control)
-      : server_(server), control_(control) {}
+  // `connection`: how many control connections the server had accepted,
+  // this one included.
+  Session(FakeFtpServer& server, int control, std::uint64_t connection)
+      : server_(server), control_(control), connection_(connection) {}
 
   // How a connection ended: the client closed it first, or the server
   // hung up, or the client closed it after the reply to QUIT.
@@ -244,7 +246,15 @@ class FakeFtpServer::Session {
   }
 
  private:
-  void reply(const std::string& text) { send_all(control_, text + "\r\n"); }
+  // Sends a reply to the command at hand, which the watch and the log hear
+  // of (all but the greeting); `injected` when a fault gives it.
+  void reply(const std::string& text, bool injected = false) {
+    if (!verb_.empty()) {
+      server_.watch_.replied(verb_, path_, text, injected);
+      server_.log_.push_back("  -> " + text.substr(0, text.find('\n')));
+    }
+    send_all(control_, text + "\r\n");
+  }
 
   bool read_line(std::string& line) {
     for (;;) {
@@ -309,50 +319,70 @@ class FakeFtpServer::Session {
   bool handle(const std::string& line) {
     std::lock_guard<std::mutex> lock(server_.mutex_);
     server_.log_.push_back(line);
+    ++commands_;
     const std::uint64_t number = ++server_.received_;
     if (number > server_.scenario_.budget) {
       server_.watch_.fault();
       return false;
     }
     const std::size_t blank = line.find(' ');
-    std::string verb = line.substr(0, blank);
-    for (char& c : verb)
+    verb_ = line.substr(0, blank);
+    for (char& c : verb_)
       c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     const std::string argument =
         blank == std::string::npos ? "" : line.substr(blank + 1);
-    std::string path;
-    if (takes_path(verb)) {
-      const std::string named = verb == "LIST" || verb == "NLST"
+    path_.clear();
+    if (takes_path(verb_)) {
+      const std::string named = verb_ == "LIST" || verb_ == "NLST"
                                     ? without_options(argument)
                                     : argument;
-      path = ServerTree::resolve(cwd_, named);
-      server_.watch_.received(verb, path);
+      path_ = ServerTree::resolve(cwd_, named);
     }
+    server_.watch_.received(verb_, argument, path_);
 
     bool cut = false;
-    const auto fault = server_.scenario_.faults.find(number);
-    if (fault != server_.scenario_.faults.end()) {
+    const ScenarioFault* fault = scheduled_fault();
+    if (fault != nullptr) {
       server_.watch_.fault();
-      switch (fault->second.action) {
+      switch (fault->action) {
         case ScenarioFault::Action::drop:
           return false;
         case ScenarioFault::Action::reply:
           close_passive();
           // A positive reply without a listing reads as an empty one.
-          if (verb == "LIST")
-            server_.watch_.listed(path, "",
-                                  is_final_reply(fault->second.reply) &&
-                                      fault->second.reply[0] == '2');
-          reply(fault->second.reply);
+          if (verb_ == "LIST")
+            server_.watch_.listed(
+                path_, "",
+                is_final_reply(fault->reply) && fault->reply[0] == '2');
+          reply(fault->reply, true);
           // Anything but a complete final reply would leave the client
           // waiting for one until its own timeout: hang up instead.
-          return is_final_reply(fault->second.reply);
+          return is_final_reply(fault->reply);
         case ScenarioFault::Action::cut:
           cut = true;
           break;
       }
     }
-    return answer(verb, argument, path, cut);
+    return answer(verb_, argument, path_, cut);
+  }
+
+  // The fault for this command of this connection, if any. A fault's place
+  // counts the commands of each control connection from 1, so that every
+  // connection meets the same schedule: a remove that sends its batches on
+  // fresh logins (relative paths) gets a fault at the same point of each
+  // batch's session, a retry on a new connection meets it again, and "C:"
+  // picks out one connection (the Cth the server accepted), for a fault
+  // that a retry gets past. The watch's epoch, by which it allows a retry's
+  // repetitions, still runs over the whole run: it counts every fault and
+  // hang-up, on whichever connection.
+  const ScenarioFault* scheduled_fault() const {
+    const auto& faults = server_.scenario_.faults;
+    for (const FaultPlace place :
+         {FaultPlace{connection_, commands_}, FaultPlace{0, commands_}}) {
+      const auto found = faults.find(place);
+      if (found != faults.end()) return &found->second;
+    }
+    return nullptr;
   }
 
   bool answer(const std::string& verb, const std::string& argument,
@@ -375,7 +405,8 @@ class FakeFtpServer::Session {
       }
     } else if (verb == "CDUP") {
       cwd_ = ServerTree::resolve(cwd_, "..");
-      server_.watch_.received(verb, cwd_);
+      path_ = cwd_;
+      server_.watch_.received(verb, "", cwd_);
       reply("250 directory changed");
     } else if (verb == "EPSV" || verb == "PASV") {
       if (verb == "EPSV" && !scenario.epsv) {
@@ -468,6 +499,10 @@ class FakeFtpServer::Session {
 
   FakeFtpServer& server_;
   int control_;
+  std::uint64_t connection_;
+  std::uint64_t commands_ = 0;  // received on this connection
+  std::string verb_;            // of the command at hand, in capitals
+  std::string path_;            // that it names, or empty
   int passive_ = -1;
   std::uint16_t passive_port_ = 0;
   std::string cwd_ = "/";
@@ -504,6 +539,11 @@ std::vector<std::string> FakeFtpServer::commands() const {
   return log_;
 }
 
+ServerTree FakeFtpServer::tree() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return tree_;
+}
+
 void FakeFtpServer::track(int descriptor) {
   // Called with mutex_ held (from a command) or before any session exists.
   open_.insert(descriptor);
@@ -535,17 +575,19 @@ void FakeFtpServer::accept_connections() {
     open_.insert(control);
     sessions_.emplace_back();
     SessionThread& session = sessions_.back();
+    const std::uint64_t connection = ++connections_;
     try {
-      session.thread = std::thread(
-          [this, control, &session] { serve(control, session.ended); });
+      session.thread = std::thread([this, control, connection, &session] {
+        serve(control, connection, session.ended);
+      });
     } catch (const std::system_error& error) {
       harness_failure("thread", error.code().value());
     }
   }
 }
 
-void FakeFtpServer::serve(int control, bool& ended) {
-  Session session(*this, control);
+void FakeFtpServer::serve(int control, std::uint64_t connection, bool& ended) {
+  Session session(*this, control, connection);
   const Session::End end = session.run();
   std::lock_guard<std::mutex> lock(mutex_);
   session.close_passive();

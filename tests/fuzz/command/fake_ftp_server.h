@@ -37,8 +37,11 @@ class FakeFtpServer {
   FakeFtpServer& operator=(const FakeFtpServer&) = delete;
 
   std::uint16_t port() const { return port_; }
-  // Every command line received, in order, for the report of a violation.
+  // Every command line received, in order, each followed by the server's
+  // reply ("  -> 250 deleted"), for the report of a violation.
   std::vector<std::string> commands() const;
+  // The server's tree as the commands left it.
+  ServerTree tree() const;
 
  private:
   class Session;
@@ -48,8 +51,8 @@ class FakeFtpServer {
   };
 
   void accept_connections();
-  // Serves one control connection; sets `ended` last.
-  void serve(int control, bool& ended);
+  // Serves the `connection`th control connection; sets `ended` last.
+  void serve(int control, std::uint64_t connection, bool& ended);
   void track(int descriptor);
   void untrack(int descriptor);
 
@@ -59,8 +62,9 @@ class FakeFtpServer {
   int listener_ = -1;
   std::uint16_t port_ = 0;
   std::atomic<bool> stopping_{false};
-  mutable std::mutex mutex_;  // everything below, the tree and the watch
-  std::uint64_t received_ = 0;
+  mutable std::mutex mutex_;       // everything below, the tree and the watch
+  std::uint64_t received_ = 0;     // commands, over all connections
+  std::uint64_t connections_ = 0;  // control connections accepted
   std::vector<std::string> log_;
   std::set<int> open_;
   std::list<SessionThread> sessions_;
