@@ -112,6 +112,12 @@ bool CommandWatch::accepted(const std::string& path,
   return false;
 }
 
+std::size_t CommandWatch::times_received(const std::string& verb,
+                                         const std::string& path) const {
+  const auto found = received_.find({verb, path});
+  return found == received_.end() ? 0 : found->second;
+}
+
 void CommandWatch::received(const std::string& verb,
                             const std::string& argument,
                             const std::string& path) {
@@ -119,6 +125,7 @@ void CommandWatch::received(const std::string& verb,
   if (verb == "SITE")
     violation("SITE " + argument + ": no command changes modes");
   if (path.empty()) return;
+  ++received_[{verb, path}];
   if (!is_within(path, login_))
     violation(verb + " of '" + path + "', outside the login directory '" +
               login_ + "'");

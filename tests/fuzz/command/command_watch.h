@@ -63,6 +63,9 @@ class CommandWatch {
   // tree when empty) naming `path`.
   bool accepted(const std::string& path,
                 const std::set<std::string>& verbs = {}) const;
+  // How many times a command of `verb` named `path`.
+  std::size_t times_received(const std::string& verb,
+                             const std::string& path) const;
   // What the server accepted, in order: "DELE /a/b: 250 deleted".
   const std::vector<std::string>& accepted_changes() const {
     return accepted_changes_;
@@ -95,6 +98,7 @@ class CommandWatch {
   bool lied_ = false;
   std::vector<std::string> accepted_changes_;
   std::set<std::pair<std::string, std::string>> accepted_;  // verb, path
+  std::map<std::pair<std::string, std::string>, std::size_t> received_;
 };
 
 // Whether `path` is `directory` or lies below it (both server paths).
