@@ -84,11 +84,18 @@ for phrase in "A download whose local write fails still exits 0." \
   "A retried download appends the whole file to the bytes already written." \
   "1,row 1 21,row 1 2,row 2 3,row 3" \
   "An upload retried after its local file was read to the end sends an empty remainder." \
-  "A remove is sent as one command list after a NOOP." \
+  "Every request of a remove begins with a NOOP." \
   "QUOT command failed with 502" \
   "A retried remove meets entries that an earlier attempt already deleted." \
-  "QUOT command failed with 550"; do
+  "QUOT command failed with 550" \
+  "An upload overwrites the remote file in place."; do
   [[ $behaviour == *"$phrase"* ]] || fail "BEHAVIOUR section lacks: $phrase"
+done
+
+# The limits a cron job meets: libcurl's waits, and the remedy.
+notes=$(section NOTES | tr -s ' \n' '  ')
+for phrase in "brindle sets no time limits of its own" "timeout(1)"; do
+  [[ $notes == *"$phrase"* ]] || fail "NOTES lacks: $phrase"
 done
 
 if [ "$failed" -ne 0 ]; then
