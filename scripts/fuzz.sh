@@ -3,7 +3,10 @@
 # UndefinedBehaviorSanitizer on) in build-fuzz/ and runs each of them for a
 # bounded time. Fails on any crash, leak, sanitizer report or
 # unexpected exception, and leaves the reproducing input in
-# build-fuzz/artifacts/.
+# build-fuzz/artifacts/. A command target whose harness could not set
+# itself up (a socket, a thread: tests/fuzz/command/harness_failure.h)
+# exits with status 71 and no input; that fails the run too, reported as
+# the harness's failure.
 #
 #   bash scripts/fuzz.sh [SECONDS [TARGET...]]
 #
@@ -63,6 +66,11 @@ report() {
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
   if [ "$status" -eq 0 ]; then
     echo "fuzz $target: ok, ${runs:-?} inputs in ${seconds}s"
+  elif [ "$status" -eq 71 ] && grep -q '^fuzz harness: ' "$log"; then
+    echo "fuzz $target: HARNESS FAILURE after ${runs:-?} inputs (no finding" \
+      "about brindle, no input saved):"
+    grep '^fuzz harness: ' "$log"
+    failed=1
   else
     echo "fuzz $target: FAILED (status $status); end of its log:"
     tail -n 40 "$log"

@@ -4,20 +4,27 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
+#include <optional>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <typeinfo>
 #include <vector>
 
 #include "command/fake_ftp_server.h"
+#include "command/harness_failure.h"
 #include "command/scenario.h"
 #include "command/server_tree.h"
+#include "ftp/path.h"
 #include "listing/list_command.h"
 #include "ops/download.h"
 #include "ops/remove.h"
@@ -34,26 +41,31 @@ namespace {
 class Sandbox {
  public:
   Sandbox() {
-    std::string name = (fs::temp_directory_path() / "brindle-fuzz-XXXXXX");
-    if (mkdtemp(name.data()) == nullptr) std::abort();
-    root_ = name;
-    write(root_ / "kept.txt", "outside the work directory");
-    fs::create_directories(root_ / "work" / "cwd");
-    fs::create_directories(root_ / "work" / "downloads");
-    write(root_ / "work" / "kept.txt", "beside the download target");
-    const fs::path upload = root_ / "upload";
-    fs::create_directories(upload / "sub" / "deeper");
-    fs::create_directories(upload / "empty");
-    write(upload / "a.txt", "alpha\n");
-    write(upload / "sub" / "b.bin", std::string("b\0\r\n\xff", 5));
-    write(upload / "sub" / "deeper" / "c.txt", "gamma\n");
-    fs::create_symlink("a.txt", upload / "link-file");
-    fs::create_directory_symlink("sub", upload / "link-dir");
-    fs::create_symlink("missing", upload / "dangling");
-    // What brindle prints goes nowhere: the fuzzer reports on stderr.
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null < 0 || dup2(null, STDOUT_FILENO) < 0) std::abort();
-    close(null);
+    try {
+      std::string name = (fs::temp_directory_path() / "brindle-fuzz-XXXXXX");
+      if (mkdtemp(name.data()) == nullptr) harness_failure("mkdtemp", errno);
+      root_ = name;
+      write(root_ / "kept.txt", "outside the work directory");
+      fs::create_directories(root_ / "work" / "cwd");
+      fs::create_directories(root_ / "work" / "downloads");
+      write(root_ / "work" / "kept.txt", "beside the download target");
+      const fs::path upload = root_ / "upload";
+      fs::create_directories(upload / "sub" / "deeper");
+      fs::create_directories(upload / "empty");
+      write(upload / "a.txt", "alpha\n");
+      write(upload / "sub" / "b.bin", std::string("b\0\r\n\xff", 5));
+      write(upload / "sub" / "deeper" / "c.txt", "gamma\n");
+      fs::create_symlink("a.txt", upload / "link-file");
+      fs::create_directory_symlink("sub", upload / "link-dir");
+      fs::create_symlink("missing", upload / "dangling");
+      // What brindle prints goes nowhere: the fuzzer reports on stderr.
+      const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+      if (null < 0 || dup2(null, STDOUT_FILENO) < 0)
+        harness_failure("/dev/null", errno);
+      close(null);
+    } catch (const fs::filesystem_error& error) {
+      harness_failure("sandbox", error.code().value());
+    }
   }
 
   ~Sandbox() {
@@ -93,7 +105,7 @@ class Sandbox {
         continue;
       }
       struct stat status {};
-      if (lstat(path.c_str(), &status) != 0) std::abort();
+      if (lstat(path.c_str(), &status) != 0) harness_failure("lstat", errno);
       const bool directory = S_ISDIR(status.st_mode);
       state[path.native()] = {
           static_cast<int>(status.st_mode),
@@ -123,6 +135,17 @@ class Sandbox {
 
   fs::path root_;
 };
+
+// The result of `step`, one of the harness's own file operations on the
+// sandbox; a failure of it (no descriptors left, say) is the harness's.
+template <typename Step>
+auto sandbox_step(const char* what, Step step) {
+  try {
+    return step();
+  } catch (const fs::filesystem_error& error) {
+    harness_failure(what, error.code().value());
+  }
+}
 
 const Sandbox& sandbox() {
   static const Sandbox instance;
@@ -232,10 +255,35 @@ void run(FuzzedCommand command, const Scenario& scenario,
                          const std::vector<std::string>& commands) {
   std::cerr << "\n== " << problem << "\n== command line:";
   for (const std::string& word : words) std::cerr << " '" << word << "'";
-  std::cerr << "\n== commands the server received:\n";
+  std::cerr << "\n== commands the server received, and its replies:\n";
   for (const std::string& line : commands) std::cerr << "   " << line << "\n";
   std::cerr << std::flush;
   std::abort();
+}
+
+// The entries of a directory of /proc/self: "fd" (the open descriptors, the
+// one that reads them included) or "task" (the threads).
+std::size_t count_entries(const char* directory) {
+  std::error_code error;
+  std::size_t count = 0;
+  for (fs::directory_iterator it(fs::path("/proc/self") / directory, error);
+       !error && it != fs::directory_iterator(); it.increment(error))
+    ++count;
+  if (error) harness_failure(directory, error.value());
+  return count;
+}
+
+// Every open descriptor and what it is, for a report.
+std::string descriptors() {
+  std::string text;
+  std::error_code error;
+  for (fs::directory_iterator it("/proc/self/fd", error);
+       !error && it != fs::directory_iterator(); it.increment(error)) {
+    std::error_code unreadable;
+    text += " " + it->path().filename().native() + " -> " +
+            fs::read_symlink(it->path(), unreadable).native() + ";";
+  }
+  return text;
 }
 
 // Makes `directory` the working directory while it lives.
@@ -243,10 +291,11 @@ class WorkingDirectory {
  public:
   explicit WorkingDirectory(const fs::path& directory)
       : saved_(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (saved_ < 0 || chdir(directory.c_str()) != 0) std::abort();
+    if (saved_ < 0 || chdir(directory.c_str()) != 0)
+      harness_failure("chdir", errno);
   }
   ~WorkingDirectory() {
-    if (fchdir(saved_) != 0) std::abort();
+    if (fchdir(saved_) != 0) harness_failure("fchdir", errno);
     close(saved_);
   }
   WorkingDirectory(const WorkingDirectory&) = delete;
@@ -256,6 +305,107 @@ class WorkingDirectory {
   int saved_;
 };
 
+// BRINDLE_TEST_BATCH_BUDGET as the scenario says while it lives (set to its
+// text, or unset), and unset after, so that no input inherits another's.
+class BatchBudget {
+ public:
+  explicit BatchBudget(const std::optional<std::string>& budget) {
+    unsetenv(kBatchBudgetVariable);
+    // A NUL byte would end the value anyway.
+    if (budget) setenv(kBatchBudgetVariable, budget->c_str(), 1);
+  }
+  ~BatchBudget() { unsetenv(kBatchBudgetVariable); }
+  BatchBudget(const BatchBudget&) = delete;
+  BatchBudget& operator=(const BatchBudget&) = delete;
+
+ private:
+  static constexpr const char* kBatchBudgetVariable =
+      "BRINDLE_TEST_BATCH_BUDGET";
+};
+
+// The files that an upload of `local` to the server path `remote` sends,
+// each with its content, in the way the upload treats the local tree: a
+// directory's entries below it under their names, a symbolic link skipped
+// unless links are followed (then its target under the link's name, if it
+// resolves), and anything else read as a file.
+void uploaded_files(const fs::path& local, const std::string& remote,
+                    bool follow,
+                    std::vector<std::pair<std::string, std::string>>& files) {
+  std::error_code error;
+  const fs::file_status own = fs::symlink_status(local, error);
+  if (error) return;
+  if (fs::is_symlink(own)) {
+    if (!follow) return;
+    const fs::path target = fs::canonical(local, error);
+    if (!error) uploaded_files(target, remote, true, files);
+  } else if (fs::is_directory(own)) {
+    for (const auto& entry : fs::directory_iterator(local, error))
+      uploaded_files(
+          entry.path(),
+          ServerTree::resolve(remote, entry.path().filename().native()), follow,
+          files);
+  } else {
+    std::ifstream file(local, std::ios::binary);
+    files.emplace_back(remote, std::string(std::istreambuf_iterator<char>(file),
+                                           std::istreambuf_iterator<char>()));
+  }
+}
+
+// What a command that ended normally should have left on the server, or
+// the first thing it did not: a remove's target gone, its own deletion
+// accepted; an upload's every file present with its content (the end of
+// it, after a retry), its STOR accepted. Nothing is asked of a run in which an
+// injected reply claimed success, nor of list and download.
+std::string incomplete(FuzzedCommand command, const Scenario& scenario,
+                       const fs::path& local, const std::string& target,
+                       const ServerTree& tree, const CommandWatch& watch) {
+  if (watch.lied()) return "";
+  if (command == FuzzedCommand::remove) {
+    if (tree.exists(target))
+      return "the remove ended normally, but '" + target +
+             "' is still on the server";
+    if (!watch.accepted(target, {"DELE", "RMD", "XRMD"}))
+      return "the remove ended normally, but the server accepted no "
+             "deletion of '" +
+             target + "'";
+  }
+  if (command == FuzzedCommand::upload) {
+    // A remote path that ends in "." or ".." takes the local name.
+    std::string remote = target;
+    const std::string named = scenario.remote.c_str();
+    const std::string last = named.substr(named.rfind('/') + 1);
+    if (last == "." || last == "..")
+      remote = ServerTree::resolve(target,
+                                   normalize_path(local).filename().native());
+    std::vector<std::pair<std::string, std::string>> files;
+    uploaded_files(local, remote, scenario.follow_symlinks, files);
+    for (const auto& [path, content] : files) {
+      const std::optional<std::string> stored = tree.content(path);
+      if (!stored)
+        return "the upload ended normally, but '" + path +
+               "' is not a file on the server";
+      // A retried STOR reads on from where the failed attempt left the
+      // local file, which is neither rewound nor reopened: what it stores
+      // is the rest of the file, nothing at all once the first attempt
+      // read it to its end.
+      const bool retried = watch.times_received("STOR", path) > 1;
+      const bool rest = stored->size() <= content.size() &&
+                        content.compare(content.size() - stored->size(),
+                                        stored->size(), *stored) == 0;
+      if (retried ? !rest : *stored != content)
+        return "the upload ended normally, but '" + path + "' holds " +
+               std::to_string(stored->size()) + " bytes, not " +
+               (retried ? "the end" : "all") + " of the " +
+               std::to_string(content.size()) + " of its local file";
+      if (!watch.accepted(path, {"STOR", "APPE", "STOU"}))
+        return "the upload ended normally, but the server accepted no STOR "
+               "of '" +
+               path + "'";
+    }
+  }
+  return "";
+}
+
 }  // namespace
 
 void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
@@ -263,27 +413,41 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
   const Scenario scenario = decode_scenario(data, size);
   const Sandbox& local = sandbox();
   const bool download = command == FuzzedCommand::download;
-  local.clear_download_places();
-  const Sandbox::State before = local.state(download);
+  sandbox_step("sandbox", [&local] { local.clear_download_places(); });
+  const Sandbox::State before = sandbox_step(
+      "sandbox", [&local, download] { return local.state(download); });
+  const std::size_t descriptors_before = count_entries("fd");
+  const std::size_t threads_before = count_entries("task");
 
   // The command's paths are relative to the login directory, whether or
   // not they start with "/".
   const std::string login = ServerTree::resolve("/", scenario.login_directory);
   std::string relative = scenario.remote.c_str();
   while (!relative.empty() && relative[0] == '/') relative.erase(0, 1);
-  CommandWatch watch(command, login, ServerTree::resolve(login, relative));
+  const std::string watch_target = ServerTree::resolve(login, relative);
+  CommandWatch watch(command, login, watch_target);
 
   std::vector<std::string> words;
   std::string failure;
   std::string message = "(ended without failure)";
   std::vector<std::string> commands;
+  fs::path uploaded;
+  std::optional<ServerTree> tree_after;  // when the command ended normally
   {
     FakeFtpServer server(scenario, watch);
     const Invocation call = invocation(command, scenario, server.port());
     words = call.words;
+    uploaded = call.local;
+    if (scenario.batch_budget)
+      words.insert(words.begin(),
+                   "BRINDLE_TEST_BATCH_BUDGET=" +
+                       std::string(scenario.batch_budget->c_str()));
     try {
       const WorkingDirectory in(local.cwd());
+      const BatchBudget budget(scenario.batch_budget);
       run(command, scenario, call);
+      // The client has gone: its commands have all been answered.
+      tree_after = server.tree();
     } catch (const torvane::TorvaneUtilException& error) {
       message = error.what();
       if (!is_brindle_message(error.what(), server.port()))
@@ -302,10 +466,34 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
     std::cerr << "== " << message << "\n";
     for (const std::string& line : commands) std::cerr << "   " << line << "\n";
   }
+  // The server has closed its sockets and joined its threads: whatever is
+  // left is the command's.
+  const std::size_t descriptors_after = count_entries("fd");
+  if (descriptors_after != descriptors_before)
+    report("descriptors open before the command: " +
+               std::to_string(descriptors_before) + ", after it: " +
+               std::to_string(descriptors_after) + ":" + descriptors(),
+           words, commands);
+  // A thread that has been joined may still be listed for a moment.
+  std::size_t threads_after = count_entries("task");
+  for (int wait = 0; wait < 200 && threads_after > threads_before; ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    threads_after = count_entries("task");
+  }
+  if (threads_after != threads_before)
+    report("threads before the command: " + std::to_string(threads_before) +
+               ", after it: " + std::to_string(threads_after),
+           words, commands);
   // The server has stopped: the watch has seen everything.
   if (!watch.violations().empty())
     report(watch.violations().front(), words, commands);
-  const Sandbox::State after = local.state(download);
+  if (tree_after) {
+    const std::string missing = incomplete(command, scenario, uploaded,
+                                           watch_target, *tree_after, watch);
+    if (!missing.empty()) report(missing, words, commands);
+  }
+  const Sandbox::State after = sandbox_step(
+      "sandbox", [&local, download] { return local.state(download); });
   if (after != before) {
     std::string changed;
     for (const auto& [path, status] : after) {
@@ -318,7 +506,8 @@ void run_fuzzed_command(FuzzedCommand command, const std::uint8_t* data,
            commands);
   }
   if (download) {
-    const std::string link = local.link_below_download_places();
+    const std::string link = sandbox_step(
+        "sandbox", [&local] { return local.link_below_download_places(); });
     if (!link.empty())
       report("a symbolic link made by the download: " + link, words, commands);
   }

@@ -6,7 +6,14 @@
 //   command runs beside a fixed local tree in a sandbox directory, compared
 //   before and after), and a download created no symbolic link;
 // - the command ended normally or with brindle's own failure, whose message
-//   is one that brindle gives; anything else thrown is a finding.
+//   is one that brindle gives; anything else thrown is a finding;
+// - the command left no descriptor open and no thread running (counted in
+//   /proc/self before and after, once the server has closed and joined all
+//   of its own).
+//
+// Every socket and thread of the server is gone before the next input
+// starts. What the harness itself cannot set up is no finding but a
+// harness failure (harness_failure.h).
 //
 // A broken check prints the scenario's commands and aborts, so that the
 // fuzzer keeps the input. Standard output (listings, skip lines) goes to

@@ -70,19 +70,71 @@ bool CommandWatch::shown(const std::string& path) const {
          names->second.count(base_of(path)) > 0;
 }
 
-void CommandWatch::received(const std::string& verb, const std::string& path) {
+namespace {
+
+bool deletes(const std::string& verb) {
+  return verb == "DELE" || verb == "RMD" || verb == "XRMD";
+}
+
+bool creates(const std::string& verb) {
+  return verb == "STOR" || verb == "APPE" || verb == "STOU" || verb == "MKD" ||
+         verb == "XMKD";
+}
+
+bool changes(const std::string& verb) {
+  return deletes(verb) || creates(verb) || verb == "RNFR" || verb == "RNTO" ||
+         verb == "SITE";
+}
+
+}  // namespace
+
+void CommandWatch::fault() {
+  ++epoch_;
+  failed_batches_.insert(batch_);
+}
+
+void CommandWatch::replied(const std::string& verb, const std::string& path,
+                           const std::string& reply, bool injected) {
+  if (injected) {
+    if (!reply.empty() && reply[0] >= '1' && reply[0] <= '3') lied_ = true;
+    return;
+  }
+  if (!changes(verb) || reply.empty() || reply[0] != '2') return;
+  accepted_.insert({verb, path});
+  accepted_changes_.push_back(verb + " " + path + ": " +
+                              reply.substr(0, reply.find_first_of("\r\n")));
+}
+
+bool CommandWatch::accepted(const std::string& path,
+                            const std::set<std::string>& verbs) const {
+  for (const auto& [verb, named] : accepted_)
+    if (named == path && (verbs.empty() || verbs.count(verb) > 0)) return true;
+  return false;
+}
+
+std::size_t CommandWatch::times_received(const std::string& verb,
+                                         const std::string& path) const {
+  const auto found = received_.find({verb, path});
+  return found == received_.end() ? 0 : found->second;
+}
+
+void CommandWatch::received(const std::string& verb,
+                            const std::string& argument,
+                            const std::string& path) {
+  if (verb == "NOOP" && command_ == FuzzedCommand::remove) ++batch_;
+  if (verb == "SITE")
+    violation("SITE " + argument + ": no command changes modes");
+  if (path.empty()) return;
+  ++received_[{verb, path}];
   if (!is_within(path, login_))
     violation(verb + " of '" + path + "', outside the login directory '" +
               login_ + "'");
 
-  const bool deletes = verb == "DELE" || verb == "RMD";
-  const bool creates =
-      verb == "STOR" || verb == "MKD" || verb == "APPE" || verb == "STOU";
-  if (verb == "RNFR" || verb == "RNTO" || verb == "SITE")
-    violation(verb + " of '" + path + "': no command renames or changes");
-  if (deletes && command_ != FuzzedCommand::remove)
+  if (verb == "RNFR" || verb == "RNTO")
+    violation(verb + " of '" + path + "': no command renames");
+  if (deletes(verb) && command_ != FuzzedCommand::remove)
     violation(verb + " of '" + path + "' by a command that does not remove");
-  if (creates && command_ != FuzzedCommand::upload)
+  if (creates(verb) && command_ != FuzzedCommand::upload)
     violation(verb + " of '" + path + "' by a command that does not upload");
 
   if (verb == "RETR" && !shown(path))
@@ -91,7 +143,10 @@ void CommandWatch::received(const std::string& verb, const std::string& path) {
     violation(verb + " of '" + path + "', outside the target '" + target_ +
               "'");
 
-  if (!deletes || command_ != FuzzedCommand::remove) return;
+  if (deletes(verb) && command_ == FuzzedCommand::remove) deletion(verb, path);
+}
+
+void CommandWatch::deletion(const std::string& verb, const std::string& path) {
   if (!deleting_) {
     deleting_ = true;
     for (const auto& [directory, complete] : last_listing_complete_)
@@ -104,10 +159,16 @@ void CommandWatch::received(const std::string& verb, const std::string& path) {
   if (!is_within(path, target_))
     violation(verb + " of '" + path + "', outside the tree '" + target_ +
               "' that was looked up");
-  const auto earlier = deleted_in_epoch_.find(path);
-  if (earlier != deleted_in_epoch_.end() && earlier->second == epoch_)
-    violation(verb + " of '" + path + "' a second time");
-  deleted_in_epoch_[path] = epoch_;
+  const auto earlier = deleted_.find(path);
+  if (earlier != deleted_.end()) {
+    if (earlier->second.epoch == epoch_)
+      violation(verb + " of '" + path + "' a second time");
+    else if (failed_batches_.count(earlier->second.batch) == 0)
+      violation(verb + " of '" + path + "' again, although batch " +
+                std::to_string(earlier->second.batch) +
+                ", which sent it before, had not failed");
+  }
+  deleted_[path] = Sent{epoch_, batch_};
   for (std::string above = path; above != "/";) {
     above = parent_of(above);
     const auto removed = removed_directory_in_epoch_.find(above);
@@ -115,5 +176,5 @@ void CommandWatch::received(const std::string& verb, const std::string& path) {
         removed->second == epoch_)
       violation(verb + " of '" + path + "' after the RMD of '" + above + "'");
   }
-  if (verb == "RMD") removed_directory_in_epoch_[path] = epoch_;
+  if (verb != "DELE") removed_directory_in_epoch_[path] = epoch_;
 }

@@ -8,32 +8,125 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <optional>
-#include <stdexcept>
+#include <system_error>
 #include <utility>
+
+#include "command/harness_failure.h"
 
 namespace {
 
 constexpr std::size_t kMaxLine = 1 << 20;
 constexpr std::size_t kMaxUpload = 1 << 20;
 constexpr int kAcceptMillis = 2000;
+// How long the server waits, after its reply to QUIT, for the client to
+// close the connection.
+constexpr int kQuitMillis = 1000;
+// Control connections served at once; one more is hung up on. A client
+// holds one at a time, and a retry's new connection may meet the old one
+// still being noticed closed.
+constexpr std::size_t kMaxSessions = 8;
+// Ports that LoopbackPorts keeps for reuse: the control listener and one
+// passive listener per session.
+constexpr std::size_t kKeptPorts = kMaxSessions + 1;
 
-// A listening socket on 127.0.0.1 and a port of the kernel's choice.
-std::pair<int, std::uint16_t> listen_on_loopback() {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw std::runtime_error("socket");
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(fd, 8) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    close(fd);
-    throw std::runtime_error("listen");
+// The ports of this process's listening sockets.
+//
+// A TCP connection leaves a socket in TIME_WAIT for a minute on the side
+// that closes it first, and bind() to port 0 hands out only a port that no
+// socket is on at all, TIME_WAIT included. The server closes every listing
+// and download connection first, and it used to listen for each EPSV or
+// PASV on a new port of the kernel's choice: two command fuzzers left some
+// 500 such sockets a second, each on a port of its own, and within a minute
+// or two the 28,232 ports of Linux's ephemeral range were all taken and
+// bind() failed with EADDRINUSE. So a listener here takes a port that an
+// earlier listener of this process had and that none has now, binding with
+// SO_REUSEADDR, which Linux allows beside sockets in TIME_WAIT (never beside
+// another listener); only when there is none does it take a new port from
+// the kernel, and keeps that for later. The process then holds as many
+// ports as it ever had listeners at once, whatever the number of inputs.
+class LoopbackPorts {
+ public:
+  // A listening socket on 127.0.0.1 and its port.
+  std::pair<int, std::uint16_t> listen() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = known_.begin(); it != known_.end();) {
+      if (taken_.count(*it) > 0) {
+        ++it;
+        continue;
+      }
+      const int fd = listen_at(*it);
+      if (fd >= 0) {
+        taken_.insert(*it);
+        return {fd, *it};
+      }
+      // Someone else's now: forget it.
+      if (errno != EADDRINUSE) harness_failure("bind", errno);
+      it = known_.erase(it);
+    }
+    const int fd = listen_at(0);
+    if (fd < 0) harness_failure("bind", errno);
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+      harness_failure("getsockname", errno);
+    const std::uint16_t port = ntohs(address.sin_port);
+    if (known_.size() < kKeptPorts) known_.push_back(port);
+    taken_.insert(port);
+    return {fd, port};
   }
-  return {fd, ntohs(address.sin_port)};
+
+  // Closes a listener that listen() gave.
+  void close_listener(int fd, std::uint16_t port) {
+    close(fd);
+    std::lock_guard<std::mutex> lock(mutex_);
+    taken_.erase(port);
+  }
+
+ private:
+  // A listener on `port` (0: the kernel's choice), or -1 with errno from a
+  // bind() that failed.
+  static int listen_at(std::uint16_t port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) harness_failure("socket", errno);
+    const int on = 1;
+    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0)
+      harness_failure("setsockopt SO_REUSEADDR", errno);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+      const int error = errno;
+      close(fd);
+      errno = error;
+      return -1;
+    }
+    if (::listen(fd, 8) != 0) harness_failure("listen", errno);
+    return fd;
+  }
+
+  std::mutex mutex_;
+  std::vector<std::uint16_t> known_;
+  std::set<std::uint16_t> taken_;
+};
+
+LoopbackPorts& loopback_ports() {
+  static LoopbackPorts ports;
+  return ports;
+}
+
+// Closes a connection whose peer has closed its end already (a read gave
+// end of file): with SO_LINGER at zero the close resets the connection, and
+// neither side keeps it. An orderly close would leave the peer's socket in
+// TIME_WAIT for a minute, on a port of the kernel's choice, which bind() to
+// port 0 could not have either. Everything the peer sent has been read.
+void close_after_peer(int fd) {
+  const linger abort{1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+  close(fd);
 }
 
 void send_all(int fd, const std::string& data) {
@@ -46,15 +139,27 @@ void send_all(int fd, const std::string& data) {
   }
 }
 
-// Waits for one connection on `listener`, for a while. Replies go out at
-// once: a reply held back for the client's acknowledgement of the one
-// before would cost every command a delayed-ACK wait.
+// Waits for one connection on `listener` for `millis` (-1: until one comes
+// or the listener is shut down); -1 when none came. A failure that leaves
+// the server unable to take connections (no descriptors, no memory) is the
+// harness's. Replies go out at once: a reply held back for the client's
+// acknowledgement of the one before would cost every command a delayed-ACK
+// wait.
 int accept_within(int listener, int millis) {
   pollfd waiting{listener, POLLIN, 0};
-  if (poll(&waiting, 1, millis) != 1) return -1;
+  const int ready = poll(&waiting, 1, millis);
+  if (ready < 0 && errno != EINTR) harness_failure("poll", errno);
+  if (ready != 1) return -1;
   const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  if (fd < 0) {
+    // EINVAL: the listener was shut down; the others: the connection went.
+    if (errno == EINVAL || errno == EAGAIN || errno == ECONNABORTED ||
+        errno == EINTR || errno == EPROTO || errno == EPERM)
+      return -1;
+    harness_failure("accept", errno);
+  }
   const int on = 1;
-  if (fd >= 0) setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   return fd;
 }
 
@@ -103,30 +208,53 @@ std::string quoted_directory(const std::string& directory,
 // commands it receives.
 class FakeFtpServer::Session {
  public:
-  Session(FakeFtpServer& server, int control)
-      : server_(server), control_(control) {}
+  // `connection`: how many control connections the server had accepted,
+  // this one included.
+  Session(FakeFtpServer& server, int control, std::uint64_t connection)
+      : server_(server), control_(control), connection_(connection) {}
 
-  // Serves commands until the connection ends; true when it ended with QUIT.
-  bool run() {
+  // How a connection ended: the client closed it first, or the server
+  // hung up, or the client closed it after the reply to QUIT.
+  enum class End { client_closed, server_closed, quit };
+
+  // Serves commands until the connection ends.
+  End run() {
     reply("220 fuzzed server ready");
     std::string line;
     while (read_line(line)) {
-      if (!handle(line)) break;
+      if (handle(line)) continue;
+      if (!quit_) return End::server_closed;
+      // The client closes its end once it has the reply to QUIT; a server
+      // that closed first would race it.
+      pollfd waiting{control_, POLLIN, 0};
+      char byte;
+      return poll(&waiting, 1, kQuitMillis) == 1 &&
+                     recv(control_, &byte, 1, 0) == 0
+                 ? End::quit
+                 : End::server_closed;
     }
-    return quit_;
+    return peer_closed_ ? End::client_closed : End::server_closed;
   }
 
   // Called with the server's mutex held.
   void close_passive() {
     if (passive_ >= 0) {
       server_.untrack(passive_);
-      close(passive_);
+      loopback_ports().close_listener(passive_, passive_port_);
       passive_ = -1;
     }
   }
 
  private:
-  void reply(const std::string& text) { send_all(control_, text + "\r\n"); }
+  // Sends a reply to the command at hand, which the watch and the log hear
+  // of (all but the greeting); `injected` when a fault gives it.
+  void reply(const std::string& text, bool injected = false) {
+    if (!verb_.empty()) {
+      server_.watch_.replied(verb_, path_, text, injected);
+      server_.log_.push_back("  -> " + text.substr(0, text.find('\n')));
+    }
+    send_all(control_, text + "\r\n");
+  }
 
   bool read_line(std::string& line) {
     for (;;) {
@@ -140,6 +268,7 @@ class FakeFtpServer::Session {
       if (pending_.size() > kMaxLine) return false;
       char block[4096];
       const ssize_t n = recv(control_, block, sizeof block, 0);
+      if (n == 0) peer_closed_ = true;
       if (n <= 0) return false;
       pending_.append(block, static_cast<std::size_t>(n));
     }
@@ -154,9 +283,13 @@ class FakeFtpServer::Session {
     return data;
   }
 
-  void close_data(int data) {
+  // `peer_closed`: the client closed its end first.
+  void close_data(int data, bool peer_closed) {
     server_.untrack(data);
-    close(data);
+    if (peer_closed)
+      close_after_peer(data);
+    else
+      close(data);
   }
 
   // Sends `body` on a data connection; `cut` stops halfway. False when no
@@ -165,7 +298,7 @@ class FakeFtpServer::Session {
     const int data = open_data();
     if (data < 0) return false;
     send_all(data, cut ? body.substr(0, body.size() / 2) : body);
-    close_data(data);
+    close_data(data, false);
     return true;
   }
 
@@ -178,7 +311,7 @@ class FakeFtpServer::Session {
     while ((n = recv(data, block, sizeof block, 0)) > 0 &&
            body.size() < kMaxUpload)
       body.append(block, static_cast<std::size_t>(n));
-    close_data(data);
+    close_data(data, n == 0);
     return body;
   }
 
@@ -186,50 +319,70 @@ class FakeFtpServer::Session {
   bool handle(const std::string& line) {
     std::lock_guard<std::mutex> lock(server_.mutex_);
     server_.log_.push_back(line);
+    ++commands_;
     const std::uint64_t number = ++server_.received_;
     if (number > server_.scenario_.budget) {
       server_.watch_.fault();
       return false;
     }
     const std::size_t blank = line.find(' ');
-    std::string verb = line.substr(0, blank);
-    for (char& c : verb)
+    verb_ = line.substr(0, blank);
+    for (char& c : verb_)
       c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     const std::string argument =
         blank == std::string::npos ? "" : line.substr(blank + 1);
-    std::string path;
-    if (takes_path(verb)) {
-      const std::string named = verb == "LIST" || verb == "NLST"
+    path_.clear();
+    if (takes_path(verb_)) {
+      const std::string named = verb_ == "LIST" || verb_ == "NLST"
                                     ? without_options(argument)
                                     : argument;
-      path = ServerTree::resolve(cwd_, named);
-      server_.watch_.received(verb, path);
+      path_ = ServerTree::resolve(cwd_, named);
     }
+    server_.watch_.received(verb_, argument, path_);
 
     bool cut = false;
-    const auto fault = server_.scenario_.faults.find(number);
-    if (fault != server_.scenario_.faults.end()) {
+    const ScenarioFault* fault = scheduled_fault();
+    if (fault != nullptr) {
       server_.watch_.fault();
-      switch (fault->second.action) {
+      switch (fault->action) {
         case ScenarioFault::Action::drop:
           return false;
         case ScenarioFault::Action::reply:
           close_passive();
           // A positive reply without a listing reads as an empty one.
-          if (verb == "LIST")
-            server_.watch_.listed(path, "",
-                                  is_final_reply(fault->second.reply) &&
-                                      fault->second.reply[0] == '2');
-          reply(fault->second.reply);
+          if (verb_ == "LIST")
+            server_.watch_.listed(
+                path_, "",
+                is_final_reply(fault->reply) && fault->reply[0] == '2');
+          reply(fault->reply, true);
           // Anything but a complete final reply would leave the client
           // waiting for one until its own timeout: hang up instead.
-          return is_final_reply(fault->second.reply);
+          return is_final_reply(fault->reply);
         case ScenarioFault::Action::cut:
           cut = true;
           break;
       }
     }
-    return answer(verb, argument, path, cut);
+    return answer(verb_, argument, path_, cut);
+  }
+
+  // The fault for this command of this connection, if any. A fault's place
+  // counts the commands of each control connection from 1, so that every
+  // connection meets the same schedule: a remove that sends its batches on
+  // fresh logins (relative paths) gets a fault at the same point of each
+  // batch's session, a retry on a new connection meets it again, and "C:"
+  // picks out one connection (the Cth the server accepted), for a fault
+  // that a retry gets past. The watch's epoch, by which it allows a retry's
+  // repetitions, still runs over the whole run: it counts every fault and
+  // hang-up, on whichever connection.
+  const ScenarioFault* scheduled_fault() const {
+    const auto& faults = server_.scenario_.faults;
+    for (const FaultPlace place :
+         {FaultPlace{connection_, commands_}, FaultPlace{0, commands_}}) {
+      const auto found = faults.find(place);
+      if (found != faults.end()) return &found->second;
+    }
+    return nullptr;
   }
 
   bool answer(const std::string& verb, const std::string& argument,
@@ -252,7 +405,8 @@ class FakeFtpServer::Session {
       }
     } else if (verb == "CDUP") {
       cwd_ = ServerTree::resolve(cwd_, "..");
-      server_.watch_.received(verb, cwd_);
+      path_ = cwd_;
+      server_.watch_.received(verb, "", cwd_);
       reply("250 directory changed");
     } else if (verb == "EPSV" || verb == "PASV") {
       if (verb == "EPSV" && !scenario.epsv) {
@@ -260,8 +414,9 @@ class FakeFtpServer::Session {
         return true;
       }
       close_passive();
-      const auto [fd, port] = listen_on_loopback();
+      const auto [fd, port] = loopback_ports().listen();
       passive_ = fd;
+      passive_port_ = port;
       server_.track(fd);
       if (verb == "EPSV") {
         reply("229 Entering Extended Passive Mode (|||" + std::to_string(port) +
@@ -344,16 +499,26 @@ class FakeFtpServer::Session {
 
   FakeFtpServer& server_;
   int control_;
+  std::uint64_t connection_;
+  std::uint64_t commands_ = 0;  // received on this connection
+  std::string verb_;            // of the command at hand, in capitals
+  std::string path_;            // that it names, or empty
   int passive_ = -1;
+  std::uint16_t passive_port_ = 0;
   std::string cwd_ = "/";
   std::string pending_;
   bool quit_ = false;
+  bool peer_closed_ = false;  // a read gave end of file
 };
 
 FakeFtpServer::FakeFtpServer(const Scenario& scenario, CommandWatch& watch)
     : scenario_(scenario), watch_(watch), tree_(scenario) {
-  std::tie(listener_, port_) = listen_on_loopback();
-  acceptor_ = std::thread([this] { accept_connections(); });
+  std::tie(listener_, port_) = loopback_ports().listen();
+  try {
+    acceptor_ = std::thread([this] { accept_connections(); });
+  } catch (const std::system_error& error) {
+    harness_failure("thread", error.code().value());
+  }
 }
 
 FakeFtpServer::~FakeFtpServer() {
@@ -365,13 +530,18 @@ FakeFtpServer::~FakeFtpServer() {
     std::lock_guard<std::mutex> lock(mutex_);
     for (const int fd : open_) shutdown(fd, SHUT_RDWR);
   }
-  for (std::thread& session : sessions_) session.join();
-  close(listener_);
+  for (SessionThread& session : sessions_) session.thread.join();
+  loopback_ports().close_listener(listener_, port_);
 }
 
 std::vector<std::string> FakeFtpServer::commands() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return log_;
+}
+
+ServerTree FakeFtpServer::tree() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return tree_;
 }
 
 void FakeFtpServer::track(int descriptor) {
@@ -386,24 +556,47 @@ void FakeFtpServer::accept_connections() {
     const int control = accept_within(listener_, -1);
     if (control < 0) continue;
     std::lock_guard<std::mutex> lock(mutex_);
-    if (received_ >= scenario_.budget) {
-      // Out of budget: every new connection is hung up on at once.
+    // Sessions that have ended are joined here, so that at most
+    // kMaxSessions threads of this server exist at any time.
+    for (auto it = sessions_.begin(); it != sessions_.end();) {
+      if (it->ended) {
+        it->thread.join();
+        it = sessions_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    if (received_ >= scenario_.budget || sessions_.size() >= kMaxSessions) {
+      // Out of budget, or too many connections at once: hung up on.
       watch_.fault();
       close(control);
       continue;
     }
     open_.insert(control);
-    sessions_.emplace_back([this, control] { serve(control); });
+    sessions_.emplace_back();
+    SessionThread& session = sessions_.back();
+    const std::uint64_t connection = ++connections_;
+    try {
+      session.thread = std::thread([this, control, connection, &session] {
+        serve(control, connection, session.ended);
+      });
+    } catch (const std::system_error& error) {
+      harness_failure("thread", error.code().value());
+    }
   }
 }
 
-void FakeFtpServer::serve(int control) {
-  Session session(*this, control);
-  const bool quit = session.run();
+void FakeFtpServer::serve(int control, std::uint64_t connection, bool& ended) {
+  Session session(*this, control, connection);
+  const Session::End end = session.run();
   std::lock_guard<std::mutex> lock(mutex_);
   session.close_passive();
   // A connection that ends without QUIT is a fault that a retry may follow.
-  if (!quit) watch_.fault();
+  if (end != Session::End::quit) watch_.fault();
   open_.erase(control);
-  close(control);
+  if (end == Session::End::server_closed)
+    close(control);
+  else
+    close_after_peer(control);
+  ended = true;
 }

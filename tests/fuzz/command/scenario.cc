@@ -40,8 +40,18 @@ void add_entry(Scenario& scenario, ScenarioEntry::Kind kind,
 
 void add_fault(Scenario& scenario, std::string_view rest) {
   const std::size_t blank = rest.find(' ');
-  const std::uint64_t at = number(rest.substr(0, blank));
-  if (at == 0 || blank == std::string_view::npos) return;
+  if (blank == std::string_view::npos) return;
+  const std::string_view place = rest.substr(0, blank);
+  const std::size_t colon = place.find(':');
+  FaultPlace at;
+  if (colon == std::string_view::npos) {
+    at.command = number(place);
+  } else {
+    at.connection = number(place.substr(0, colon));
+    at.command = number(place.substr(colon + 1));
+    if (at.connection == 0) return;
+  }
+  if (at.command == 0) return;
   const std::string_view action = rest.substr(blank + 1);
   ScenarioFault fault;
   if (action == "drop") {
@@ -110,6 +120,8 @@ void apply(Scenario& scenario, std::string_view line) {
   } else if (word == "retry") {
     scenario.retries =
         static_cast<unsigned>(std::min<std::uint64_t>(number(rest), 3));
+  } else if (word == "batch") {
+    scenario.batch_budget = unescape(std::string(rest));
   } else if (word == "local") {
     scenario.local_style = std::string(rest);
   } else if (word == "source") {

@@ -25,16 +25,22 @@
 //   dos PATH               the directory is listed in DOS format
 //   junk PATH => LINE      one more line in the directory's listing
 //   body PATH => BODY      the directory's listing is BODY, as it stands
-//   fault N ACTION         at the Nth command of the run (counted over all
-//                          connections from 1): drop (close the control
-//                          connection), cut (a transfer stops halfway and
-//                          the connection closes), reply TEXT (TEXT is the
-//                          whole answer)
+//   fault [C:]N ACTION     at the Nth command of a control connection
+//                          (counted from 1 on each connection; the 220
+//                          greeting is none), on every connection, or with
+//                          "C:" only on the Cth connection of the run:
+//                          drop (close the control connection), cut (a
+//                          transfer stops halfway and the connection
+//                          closes), reply TEXT (TEXT is the whole answer)
 //   budget N               commands served before the server hangs up on
 //                          every connection (default 200, at most 2000)
 //   remote TEXT            the command's --remote-path
 //   recursive / follow / long   the command's switches
 //   retry N                --retry N (at most 3) with --retry-delay 0
+//   batch TEXT             BRINDLE_TEST_BATCH_BUDGET=TEXT while the command
+//                          runs (unset otherwise): a remove's deletions and
+//                          an upload's directory creation in batches of at
+//                          most TEXT bytes, where TEXT is a decimal number
 //   local dot|slash|plain  the download's --local-path: "." (the working
 //                          directory), "<target>/", "<target>"
 //   source N               which entry of the upload's local tree is sent
@@ -62,6 +68,14 @@ struct ScenarioFault {
   std::string reply;  // for Action::reply
 };
 
+// Where a fault strikes: the `command`th command of the `connection`th
+// control connection (both from 1), or of every connection for 0.
+struct FaultPlace {
+  std::uint64_t connection = 0;
+  std::uint64_t command = 0;
+  auto operator<=>(const FaultPlace&) const = default;
+};
+
 struct Scenario {
   std::string login_directory = "/";
   std::string pwd_style = "quoted";
@@ -74,7 +88,7 @@ struct Scenario {
   std::vector<std::string> dos_directories;
   std::vector<std::pair<std::string, std::string>> junk;
   std::vector<std::pair<std::string, std::string>> bodies;
-  std::map<std::uint64_t, ScenarioFault> faults;
+  std::map<FaultPlace, ScenarioFault> faults;
   std::uint64_t budget = 200;
 
   std::string remote = ".";
@@ -82,6 +96,7 @@ struct Scenario {
   bool follow_symlinks = false;
   bool long_listing = false;
   unsigned retries = 0;
+  std::optional<std::string> batch_budget;
   std::string local_style = "plain";
   unsigned source = 0;
 };

@@ -26,6 +26,8 @@ class ServerTree {
                              const std::string& argument);
 
   bool is_directory(const std::string& path) const;  // links followed
+  // Whether anything is at `path` (a final link not followed).
+  bool exists(const std::string& path) const { return find(path, false) >= 0; }
   // A file's content (links followed); none for anything but a file.
   std::optional<std::string> content(const std::string& path) const;
 
