@@ -28,9 +28,12 @@ apt_get_quietly() {
     made_policy=1
   fi
   local status=0
+  # On a machine shared with other apt users, wait for their dpkg lock
+  # rather than fail.
   $sudo apt-get update -qq &&
     DEBIAN_FRONTEND=noninteractive $sudo apt-get -y -qq \
-      --no-install-recommends "$@" >/dev/null || status=$?
+      -o DPkg::Lock::Timeout=600 --no-install-recommends "$@" >/dev/null ||
+    status=$?
   [ -z "$made_policy" ] || $sudo rm -f /usr/sbin/policy-rc.d
   return "$status"
 }
