@@ -13,7 +13,9 @@
 # debian/rules; one set in the environment (and DEB_CXXFLAGS_APPEND and the
 # like) is honoured. The package's build gets these flags from debhelper
 # instead and turns this off; sanitizer and fuzzing builds leave it off
-# (_FORTIFY_SOURCE's checked functions bypass AddressSanitizer's).
+# (_FORTIFY_SOURCE's checked functions bypass AddressSanitizer's). Where
+# there is no dpkg-buildflags (a system without dpkg), a build by hand uses
+# the compiler's defaults and says so.
 
 option(BRINDLE_DPKG_BUILDFLAGS
   "Build with the flags of dpkg-buildflags (Debian's hardening)" ON)
@@ -22,12 +24,18 @@ if(BRINDLE_DPKG_BUILDFLAGS AND (BRINDLE_SANITIZE OR BRINDLE_FUZZ))
   message(STATUS "dpkg-buildflags: not used by a sanitizer or fuzzing build")
 elseif(BRINDLE_DPKG_BUILDFLAGS)
   find_program(DPKG_BUILDFLAGS_EXECUTABLE dpkg-buildflags)
-  if(NOT DPKG_BUILDFLAGS_EXECUTABLE)
-    message(FATAL_ERROR
-      "dpkg-buildflags, which gives Debian's hardening flags, was not found. "
-      "Install it (Debian package: dpkg-dev) or configure with "
-      "-DBRINDLE_DPKG_BUILDFLAGS=OFF to build with the compiler's defaults.")
-  endif()
+endif()
+
+if(BRINDLE_DPKG_BUILDFLAGS AND NOT (BRINDLE_SANITIZE OR BRINDLE_FUZZ)
+   AND NOT DPKG_BUILDFLAGS_EXECUTABLE)
+  # A system without dpkg (not Debian, or Debian without dpkg-dev): the
+  # build goes on with the compiler's own defaults, and says so.
+  message(WARNING
+    "dpkg-buildflags not found: building with the compiler's default flags "
+    "and the build type's, without Debian's hardening flags (on Debian, "
+    "install dpkg-dev to build with them; -DBRINDLE_DPKG_BUILDFLAGS=OFF "
+    "silences this)")
+elseif(BRINDLE_DPKG_BUILDFLAGS AND NOT (BRINDLE_SANITIZE OR BRINDLE_FUZZ))
   set(maint_options "$ENV{DEB_BUILD_MAINT_OPTIONS}")
   if(maint_options STREQUAL "")
     set(maint_options "hardening=+all")
