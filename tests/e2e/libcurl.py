@@ -51,9 +51,12 @@ def strerror(code):
 
 def connect_failure(host, port):
     """A regular expression of libcurl's text for a connection to host and
-    port that was refused: exact but for the milliseconds it tried."""
-    return (re.escape("Failed to connect to %s port %d after " % (host, port))
-            + "[0-9]+" + re.escape(" ms: " + strerror(CURLE_COULDNT_CONNECT)))
+    port that was refused: exact but for the milliseconds it tried and the
+    way it names the address ("HOST port PORT" up to Debian 13's 8.14,
+    "HOST:PORT" in unstable's 8.23)."""
+    return (re.escape("Failed to connect to %s" % host) + "( port |:)"
+            + re.escape("%d after " % port) + "[0-9]+"
+            + re.escape(" ms: " + strerror(CURLE_COULDNT_CONNECT)))
 
 
 def at_least(*version):
