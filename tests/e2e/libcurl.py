@@ -53,9 +53,12 @@ def connect_failure(host, port):
     """A regular expression of libcurl's text for a connection to host and
     port that was refused: exact but for the milliseconds it tried and the
     way it names the address ("HOST port PORT" up to Debian 13's 8.14,
-    "HOST:PORT" in unstable's 8.23)."""
+    "HOST:PORT" in unstable's 8.23, which may add " via ADDRESS:PORT": seen
+    for a passive data connection, naming the address and the port of the
+    PASV reply that it connected to)."""
     return (re.escape("Failed to connect to %s" % host) + "( port |:)"
-            + re.escape("%d after " % port) + "[0-9]+"
+            + re.escape("%d" % port) + r"( via [0-9.]+:[0-9]+)? after "
+            + "[0-9]+"
             + re.escape(" ms: " + strerror(CURLE_COULDNT_CONNECT)))
 
 
