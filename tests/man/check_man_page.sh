@@ -46,15 +46,22 @@ section() {
 options=$(grep -oE '^  (-h \[ )?--[a-z-]+' "$work/help.txt" |
   grep -oE -- '--[a-z-]+')
 [ "$(echo "$options" | wc -l)" -eq 18 ] || fail "help lists: $options"
-entries=$({ section COMMANDS; section OPTIONS; } | grep -E '^ {7}-')
+# Entries are indented less than their text, by as much as --upload's: 7
+# columns with the groff of Debian 12 and 13, 5 with unstable's.
+indent=$(section COMMANDS | sed -n 's/^\( *\)--upload$/\1/p' | head -n 1 |
+  wc -c)
+indent=$((indent - 1))
+[ "$indent" -gt 0 ] || fail "COMMANDS has no --upload entry"
+entries=$({ section COMMANDS; section OPTIONS; } | grep -E "^ {$indent}-" ||
+  true)
 for option in $options; do
-  grep -qE -- "^ {7}(-h, )?$option( |\$)" <<<"$entries" ||
+  grep -qE -- "^ {$indent}(-h, )?$option( |\$)" <<<"$entries" ||
     fail "option $option has no entry"
 done
-grep -qE '^ {7}-h, --help$' <<<"$entries" || fail "-h has no entry"
+grep -qE "^ {$indent}-h, --help\$" <<<"$entries" || fail "-h has no entry"
 
 # Exit statuses 0, 1 and 2, each an entry of EXIT STATUS, and no other.
-statuses=$(section 'EXIT STATUS' | grep -E '^ {7}[0-9]+$' | tr -d ' ' |
+statuses=$(section 'EXIT STATUS' | grep -E "^ {$indent}[0-9]+\$" | tr -d ' ' |
   paste -sd ' ' -)
 [ "$statuses" == "0 1 2" ] || fail "exit statuses: $statuses"
 
@@ -66,7 +73,9 @@ for line in \
   "skip '\"/pub/dot\"': unable to resolve symbolic link" \
   "skip '\"/pub/fifo\"': unsupported file type" \
   "skip '\"/pub/a/b\"': unsafe file name"; do
-  grep -qxF "           $line" "$work/page.txt" || fail "skip line: $line"
+  # (Indented as an example, by however much this groff indents.)
+  sed 's/^ *//' "$work/page.txt" | grep -qxF "$line" ||
+    fail "skip line: $line"
 done
 
 # The dot entries and unsafe names of a server's listing.
