@@ -48,10 +48,10 @@ options=$(grep -oE '^  (-h \[ )?--[a-z-]+' "$work/help.txt" |
 [ "$(echo "$options" | wc -l)" -eq 18 ] || fail "help lists: $options"
 # Entries are indented less than their text, by as much as --upload's: 7
 # columns with the groff of Debian 12 and 13, 5 with unstable's.
-indent=$(section COMMANDS | sed -n 's/^\( *\)--upload$/\1/p' | head -n 1 |
-  wc -c)
-indent=$((indent - 1))
-[ "$indent" -gt 0 ] || fail "COMMANDS has no --upload entry"
+indent=$(awk '/^[A-Z][A-Z ]+$/ { inside = ($0 == "COMMANDS"); next }
+  inside && /^ +--upload$/ { match($0, /^ +/); print RLENGTH; exit }' \
+  "$work/page.txt")
+[ -n "$indent" ] || { fail "COMMANDS has no --upload entry"; indent=7; }
 entries=$({ section COMMANDS; section OPTIONS; } | grep -E "^ {$indent}-" ||
   true)
 for option in $options; do
@@ -65,7 +65,9 @@ statuses=$(section 'EXIT STATUS' | grep -E "^ {$indent}[0-9]+\$" | tr -d ' ' |
   paste -sd ' ' -)
 [ "$statuses" == "0 1 2" ] || fail "exit statuses: $statuses"
 
-# Every skip line, as the program prints it.
+# Every skip line, as the program prints it (indented as an example, by
+# however much this groff indents).
+sed 's/^ *//' "$work/page.txt" >"$work/unindented.txt"
 for line in \
   "skip '\"/data/link\"': symbolic links aren't allowed" \
   "skip '\"/data/dangling\"': unable to resolve symbolic link, No such file or directory" \
@@ -73,9 +75,7 @@ for line in \
   "skip '\"/pub/dot\"': unable to resolve symbolic link" \
   "skip '\"/pub/fifo\"': unsupported file type" \
   "skip '\"/pub/a/b\"': unsafe file name"; do
-  # (Indented as an example, by however much this groff indents.)
-  sed 's/^ *//' "$work/page.txt" | grep -qxF "$line" ||
-    fail "skip line: $line"
+  grep -qxF "$line" "$work/unindented.txt" || fail "skip line: $line"
 done
 
 # The dot entries and unsafe names of a server's listing.
