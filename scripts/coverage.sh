@@ -90,6 +90,8 @@ if [ "$commit" != unknown ] && [ -n "$(git status --porcelain -- src tests 2>/de
 fi
 machine="$(sed -n 's/^PRETTY_NAME="\(.*\)"$/\1/p' /etc/os-release), $(uname -m),"
 machine+=" $(nproc) cores, $(g++ --version | head -n 1), $(gcovr --version | head -n 1)"
+# The libcurl the tests ran against decides which paths of src/ftp run.
+machine+=", libcurl $(curl-config --version 2>/dev/null | sed 's/^libcurl //' || echo unknown)"
 date=$(date -u '+%Y-%m-%d %H:%M UTC')
 /usr/bin/python3 - build-coverage/coverage.json docs/coverage.md \
   "$LINE_FLOOR" "$commit" "$machine" "$date" "gcovr ${gcovr_args[*]}" <<'EOF'
