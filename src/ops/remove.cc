@@ -64,8 +64,8 @@ void remove_command(const FtpSettings& settings, const fs::path& remote_path,
   // their requests opens a new connection (CURLOPT_FRESH_CONNECT). Every one
   // but the last also closes its connection when it ends
   // (CURLOPT_FORBID_REUSE), so that no more than two sessions are open at
-  // any time: the walk's, kept for the last request to leave in the cache,
-  // and the one of the batch at hand.
+  // any time: the walk's, which stays in libcurl's connection cache, and
+  // the one of the batch at hand.
   const bool relative = !remote.has_root_directory() ||
                         !is_known_login_directory(login_directory);
   for (std::size_t i = 0; i < batches.size(); ++i) {
