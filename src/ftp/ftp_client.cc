@@ -93,8 +93,14 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
   }
 
   error_buffer_[0] = '\0';
+  bool first_attempt = true;
   const CURLcode result = run_with_retries(
-      settings_, [this] { return runner_.run(handle_.get(), error_buffer_); },
+      settings_,
+      [this, &first_attempt] {
+        if (!first_attempt) prepare_retry();
+        first_attempt = false;
+        return runner_.run(handle_.get(), error_buffer_);
+      },
       [this] {
         long response_code = 0;
         curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE,
@@ -108,6 +114,22 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
     throw torvane::TorvaneUtilException("Unable to perform request for '" +
                                         url + "': " + error_buffer_);
   }
+}
+
+// A failed attempt may leave its connection open in whatever directory its
+// CWDs reached. The library brings a kept connection back to the login
+// directory only when PWD named one; without it, the retry would resolve
+// the request's path against the directory the failed attempt left, so it
+// logs in anew, on a connection that is not kept.
+void FtpClient::prepare_retry() {
+  const char* entry_path = nullptr;
+  if (curl_easy_getinfo(handle_.get(), CURLINFO_FTP_ENTRY_PATH, &entry_path) ==
+          CURLE_OK &&
+      entry_path != nullptr &&
+      is_known_login_directory(std::string(entry_path)))
+    return;
+  set_option(CURLOPT_FRESH_CONNECT, 1L);
+  set_option(CURLOPT_FORBID_REUSE, 1L);
 }
 
 // Reads the login directory that the library learnt from PWD: the reset

@@ -75,6 +75,7 @@ class FtpClient {
   };
 
   static void check_setup(CURLcode code);
+  void prepare_retry();
   void learn_login_directory(CURLcode result);
 
   FtpSettings settings_;

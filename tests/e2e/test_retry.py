@@ -6,6 +6,8 @@ Waits are whole seconds slept by the client, so the bounds below leave
 generous room for a slow machine while still telling 0, 1 and 2 s apart.
 """
 
+import os
+import pathlib
 import re
 import time
 
@@ -186,3 +188,36 @@ def test_a_450_listing_reads_as_an_empty_directory(brindle, scripted):
     assert (result.status, result.stdout, result.stderr) == (
         1, b"", b"Unable to find remote path '/d/a.txt'\n")
     assert [c for c, _ in scripted.commands() if c == "LIST"] == ["LIST", "LIST"]
+
+
+def test_a_retry_without_a_login_directory_logs_in_anew(brindle, scripted,
+                                                       local_account):
+    # The server refuses PWD, so no kept connection can be brought back to
+    # the login directory. The first attempt enters "up", makes "sub" and
+    # fails to enter it; were its connection used again, the retry's
+    # "CWD up" would make and fill "up/up".
+    scripted.script({"login_dir": "/home/u", "failures": [
+        {"command": "PWD", "reply": "550 PWD refused"},
+        {"command": "CWD", "arg": "sub", "reply": "450 Busy.", "times": 2}]})
+    scripted.make_dir("home/u")
+    local = brindle.workdir / "up"
+    (local / "sub").mkdir(parents=True)
+    (local / "sub" / "b.bin").write_bytes(b"data")
+    for path in (local, local / "sub", local / "sub" / "b.bin"):
+        local_account.chown(path)
+
+    result = brindle.run("--upload", *scripted.args(),
+                         "--local-user", local_account.name,
+                         "--local-path",
+                         str(local), "--remote-path", ".", "--recursive",
+                         "--retry", "1", "--retry-delay", "0", timeout=30)
+
+    assert (result.status, result.stdout, result.stderr) == (0, b"", b"")
+    assert pathlib.Path(scripted.path("home/u/up/sub/b.bin")).read_bytes() == (
+        b"data")
+    assert not os.path.exists(scripted.path("home/u/up/up"))
+    assert [(c, a) for c, a in scripted.commands()
+            if c in ("USER", "CWD", "MKD", "STOR")] == [
+        ("USER", "tester"), ("CWD", "up"), ("MKD", "up"), ("CWD", "up"),
+        ("CWD", "sub"), ("MKD", "sub"), ("CWD", "sub"),
+        ("USER", "tester"), ("CWD", "up"), ("CWD", "sub"), ("STOR", "b.bin")]
