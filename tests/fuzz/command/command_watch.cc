@@ -55,13 +55,24 @@ void CommandWatch::listed(const std::string& directory, const std::string& body,
                           bool complete) {
   last_listing_complete_[directory] = complete;
   std::set<std::string>& names = shown_[directory];
-  std::size_t start = 0;
-  while (start < body.size()) {
-    std::size_t end = body.find('\n', start);
-    if (end == std::string::npos) end = body.size();
-    add_names(body.substr(start, end - start), names);
-    start = end + 1;
+  // A retried listing is appended to what the failed attempts delivered, so
+  // the client reads their bytes and this body as one text; the body alone
+  // is counted too.
+  std::string& unfinished = unfinished_listings_[directory];
+  for (const std::string& text : {body, unfinished + body}) {
+    std::size_t start = 0;
+    while (start < text.size()) {
+      std::size_t end = text.find('\n', start);
+      if (end == std::string::npos) end = text.size();
+      add_names(text.substr(start, end - start), names);
+      start = end + 1;
+    }
+    if (unfinished.empty()) break;
   }
+  if (complete)
+    unfinished.clear();
+  else
+    unfinished += body;
 }
 
 bool CommandWatch::shown(const std::string& path) const {
@@ -139,7 +150,10 @@ void CommandWatch::received(const std::string& verb,
 
   if (verb == "RETR" && !shown(path))
     violation("RETR of '" + path + "', which no listing showed");
-  if ((verb == "STOR" || verb == "APPE") && !is_within(path, target_))
+  // After a lie (a CWD that claimed success and moved nowhere) the server,
+  // not the client, decides where a relative STOR lands.
+  if ((verb == "STOR" || verb == "APPE") && !lied_ &&
+      !is_within(path, target_))
     violation(verb + " of '" + path + "', outside the target '" + target_ +
               "'");
 

@@ -10,7 +10,8 @@
 //   nothing below a directory after that directory's RMD; none at all while
 //   the last listing of some path had failed when the first of them came.
 // - A RETR names an entry that a listing showed.
-// - A STOR lands inside the upload's target.
+// - A STOR lands inside the upload's target, unless the server lied before
+//   it (a CWD that claimed success and moved nowhere decides where it lands).
 // Repetitions and reorderings are allowed across an injected fault (a retry
 // resends its request from the start), and a remove's deletion only if the
 // batch that it last went out in was struck by a fault: a remove sends its
@@ -40,8 +41,8 @@ class CommandWatch {
   // directory and the entry that the command is about.
   CommandWatch(FuzzedCommand command, std::string login, std::string target);
 
-  // A LIST of the server path `directory` answered `body` (complete when
-  // `complete`).
+  // A LIST of the server path `directory` delivered `body` (complete when
+  // `complete`; what went out before the transfer broke off otherwise).
   void listed(const std::string& directory, const std::string& body,
               bool complete);
   // A command, before the server acts on it: `verb` in capitals, the rest
@@ -83,6 +84,9 @@ class CommandWatch {
   // Every name that a listing of the directory may have meant.
   std::map<std::string, std::set<std::string>> shown_;
   std::map<std::string, bool> last_listing_complete_;
+  // What the broken-off listings of a directory delivered since its last
+  // complete one: the start of the text that a retry's listing ends.
+  std::map<std::string, std::string> unfinished_listings_;
   bool deleting_ = false;
   // Batches are numbered by the NOOPs that begin them, from 1 (0: before
   // the first).

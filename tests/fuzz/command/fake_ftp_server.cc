@@ -292,12 +292,17 @@ class FakeFtpServer::Session {
       close(data);
   }
 
+  // What a transfer that is cut halfway sends of `body`.
+  static std::string half(const std::string& body) {
+    return body.substr(0, body.size() / 2);
+  }
+
   // Sends `body` on a data connection; `cut` stops halfway. False when no
   // data connection came.
   bool send_body(const std::string& body, bool cut) {
     const int data = open_data();
     if (data < 0) return false;
-    send_all(data, cut ? body.substr(0, body.size() / 2) : body);
+    send_all(data, cut ? half(body) : body);
     close_data(data, false);
     return true;
   }
@@ -438,7 +443,9 @@ class FakeFtpServer::Session {
       reply("150 here it comes");
       const std::string text = body.value_or("");
       const bool sent = send_body(text, cut);
-      if (verb == "LIST") server_.watch_.listed(path, text, sent && !cut);
+      if (verb == "LIST")
+        server_.watch_.listed(path, !sent ? "" : cut ? half(text) : text,
+                              sent && !cut);
       if (cut) return false;
       reply(sent ? "226 transfer complete" : "425 no data connection");
     } else if (verb == "RETR") {
