@@ -12,9 +12,35 @@
 # unreachable, are not counted (--exclude-throw-branches,
 # --exclude-unreachable-branches): at -O0 nearly every call has one, and
 # none of them is a decision in the code.
+#
+#   bash scripts/coverage.sh             coverage alone
+#   bash scripts/coverage.sh --sanitize  the same build with AddressSanitizer
+#                                        (leak checking included) and
+#                                        UndefinedBehaviorSanitizer as well,
+#                                        as scripts/sanitize.sh builds it:
+#                                        one run of the suite gives both the
+#                                        sanitizers' verdict (any report
+#                                        fails the test that met it) and the
+#                                        coverage with its floor. CI runs
+#                                        this. (e2e.test_memcheck skips
+#                                        itself there, as in sanitize.sh.)
+#                                        Line coverage is the same as
+#                                        without the sanitizers; branch
+#                                        coverage is lower, as their checks
+#                                        add branches of their own.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/packages.sh
+
+sanitize=OFF
+case ${1:-} in
+  --sanitize) sanitize=ON ;;
+  "") ;;
+  *)
+    echo "usage: bash scripts/coverage.sh [--sanitize]" >&2
+    exit 2
+    ;;
+esac
 
 # The lowest acceptable line coverage of src/, in percent: the figure last
 # measured, rounded down to one decimal. Raise it when tests are added.
@@ -25,7 +51,7 @@ bash scripts/ftp-servers.sh
 
 rm -rf build-coverage
 CXX=g++ cmake -S . -B build-coverage -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-  -DBRINDLE_DPKG_BUILDFLAGS=OFF \
+  -DBRINDLE_DPKG_BUILDFLAGS=OFF -DBRINDLE_SANITIZE="$sanitize" \
   -DCMAKE_CXX_FLAGS="-O0 --coverage" \
   -DCMAKE_EXE_LINKER_FLAGS="--coverage"
 cmake --build build-coverage -j 2
@@ -74,9 +100,11 @@ find build-coverage -name '*.gcda' -empty -delete
 
 # gcovr runs gcov on every .gcda file of the build but CMake's compiler
 # probe, and keeps the sources below src/ only (not the tests' own code,
-# nor system headers).
+# nor system headers), without the sanitizers' default options, which only
+# a --sanitize build links and only the sanitizers' run-time calls.
 gcovr_args=(
   --root . --object-directory build-coverage --filter 'src/'
+  --exclude 'src/cli/sanitizer_options\.cc'
   --exclude-directories 'build-coverage/CMakeFiles/[0-9]'
   --exclude-throw-branches --exclude-unreachable-branches -j 2
 )
@@ -94,11 +122,13 @@ machine+=" $(nproc) cores, $(g++ --version | head -n 1), $(gcovr --version | hea
 machine+=", libcurl $(curl-config --version 2>/dev/null | sed 's/^libcurl //' || echo unknown)"
 date=$(date -u '+%Y-%m-%d %H:%M UTC')
 /usr/bin/python3 - build-coverage/coverage.json docs/coverage.md \
-  "$LINE_FLOOR" "$commit" "$machine" "$date" "gcovr ${gcovr_args[*]}" <<'EOF'
+  "$LINE_FLOOR" "$commit" "$machine" "$date" "gcovr ${gcovr_args[*]}" \
+  "bash scripts/coverage.sh${1:+ $1}" <<'EOF'
 import json
 import sys
 
-summary_path, doc_path, floor, commit, machine, date, command = sys.argv[1:]
+(summary_path, doc_path, floor, commit, machine, date, command,
+ invocation) = sys.argv[1:]
 with open(summary_path) as f:
     summary = json.load(f)
 
@@ -142,7 +172,7 @@ falls below its `LINE_FLOOR` ({floor}%).
 |---|--:|--:|--:|--:|
 {rows}
 
-- Command: `bash scripts/coverage.sh`, whose report is
+- Command: `{invocation}`, whose report is
   `{command}`
 - Machine: {machine}
 - Date: {date}
@@ -152,6 +182,7 @@ falls below its `LINE_FLOOR` ({floor}%).
            branches_percent=percent(branches, branch_total),
            branches=branches, branch_total=branch_total,
            rows="\n".join(rows), command=command, machine=machine,
+           invocation=invocation,
            date=date, commit=commit)
 with open(doc_path, "w") as f:
     f.write(doc)
