@@ -152,8 +152,7 @@ void CommandWatch::received(const std::string& verb,
     violation("RETR of '" + path + "', which no listing showed");
   // After a lie (a CWD that claimed success and moved nowhere) the server,
   // not the client, decides where a relative STOR lands.
-  if ((verb == "STOR" || verb == "APPE") && !lied_ &&
-      !is_within(path, target_))
+  if ((verb == "STOR" || verb == "APPE") && !lied_ && !is_within(path, target_))
     violation(verb + " of '" + path + "', outside the target '" + target_ +
               "'");
 

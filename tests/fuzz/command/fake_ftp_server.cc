@@ -443,9 +443,12 @@ class FakeFtpServer::Session {
       reply("150 here it comes");
       const std::string text = body.value_or("");
       const bool sent = send_body(text, cut);
-      if (verb == "LIST")
-        server_.watch_.listed(path, !sent ? "" : cut ? half(text) : text,
-                              sent && !cut);
+      if (verb == "LIST") {
+        // What went out: nothing without a data connection, half when cut.
+        std::string delivered;
+        if (sent) delivered = cut ? half(text) : text;
+        server_.watch_.listed(path, delivered, sent && !cut);
+      }
       if (cut) return false;
       reply(sent ? "226 transfer complete" : "425 no data connection");
     } else if (verb == "RETR") {
