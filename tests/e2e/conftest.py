@@ -24,7 +24,8 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import ftptest  # noqa: E402
 import servers  # noqa: E402
 
-# Why the vsftpd tests were skipped, told once at the end of the run.
+# Why tests were skipped (a server that cannot run here or is not among
+# this run's), told once at the end of the run.
 _skip_reasons = set()
 # Accounts still to remove if the run ends without its normal teardown.
 _live_accounts = []
@@ -73,6 +74,7 @@ def brindle(request):
 
 @pytest.fixture
 def scripted():
+    require_server("scripted")
     server = servers.create("scripted").start()
     try:
         yield server
@@ -84,6 +86,7 @@ def scripted():
 def scripted_factory():
     """Call with user=/password= to start another scripted server; all
     of them are stopped after the test."""
+    require_server("scripted")
     started = []
 
     def start(**kwargs):
@@ -130,12 +133,21 @@ def local_account():
 def require_server(kind):
     """Skip unless a server of this kind can run here; under CI, where
     every server must run, fail instead, unless the Debian release does
-    not have the server at all."""
+    not have the server at all. A run limited to some kinds of server
+    ($BRINDLE_E2E_SERVERS, as each test of the Debian package's
+    autopkgtest is) skips the others and fails when one of its own cannot
+    run."""
+    selected = ftptest.selected_servers()
+    if selected is not None and kind not in selected:
+        _skip("%s: not among this run's servers (BRINDLE_E2E_SERVERS=%s)"
+              % (kind, " ".join(sorted(selected))))
     cls = servers.server_class(kind)
     if cls.needs_root and os.geteuid() != 0:
         _skip("vsftpd and the local test account need root")
     reason = cls.missing()
     if reason is not None:
+        if selected is not None:
+            pytest.fail("%s is among this run's servers: %s" % (kind, reason))
         if os.environ.get("CI") == "true" and cls.required_in_ci():
             pytest.fail("CI: " + reason)
         _skip(reason)

@@ -481,6 +481,28 @@ SERVER_CACHE = Path(os.environ.get("BRINDLE_FTP_SERVERS",
                                    "/var/cache/brindle-tests/servers"))
 
 
+def server_file(relative):
+    """A file of one of those daemons (relative: its path in the package,
+    such as "usr/sbin/proftpd"): the unpacked one in SERVER_CACHE, or,
+    where nothing was unpacked, the one that the installed package put in
+    place (the Debian package's autopkgtest installs one daemon per test
+    instead of unpacking them)."""
+    unpacked = SERVER_CACHE / relative
+    installed = Path("/") / relative
+    if not unpacked.exists() and installed.exists():
+        return installed
+    return unpacked
+
+
+def selected_servers():
+    """The kinds of server this run is limited to ($BRINDLE_E2E_SERVERS,
+    separated by spaces or commas), or None for every kind: the tests of
+    other servers are skipped, and these ones must run."""
+    value = os.environ.get("BRINDLE_E2E_SERVERS", "").replace(",", " ")
+    kinds = value.split()
+    return set(kinds) if kinds else None
+
+
 def crypt_hash(password, method):
     """A crypt(3) hash of password, made by mkpasswd (Debian's whois
     package; Python 3.13 has no crypt module): "sha-512" for the daemons'

@@ -14,8 +14,8 @@ import ftptest
 from .base import InetdServer, unpacked_version
 from .dialect import LsDialect
 
-FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "in.ftpd"
-PAM_FTP = ftptest.SERVER_CACHE / "etc" / "pam.d" / "ftp"
+FTPD = ftptest.server_file("usr/sbin/in.ftpd")
+PAM_FTP = ftptest.server_file("etc/pam.d/ftp")
 
 
 class FtpdSslDialect(LsDialect):

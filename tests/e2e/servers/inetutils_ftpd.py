@@ -10,7 +10,7 @@ import ftptest
 from .base import InetdServer, unpacked_version
 from .dialect import LsDialect
 
-FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "ftpd"
+FTPD = ftptest.server_file("usr/sbin/ftpd")
 
 
 class InetutilsDialect(LsDialect):

@@ -12,8 +12,8 @@ from ftptest import HOST
 from .base import DaemonServer
 from .dialect import Dialect
 
-PROFTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "proftpd"
-PROFTPD_MODULES = ftptest.SERVER_CACHE / "usr" / "lib" / "proftpd"
+PROFTPD = ftptest.server_file("usr/sbin/proftpd")
+PROFTPD_MODULES = ftptest.server_file("usr/lib/proftpd")
 # The ProFTPD modules the tests use that a build may have left out of the
 # binary and ship as loadable modules instead (Debian 13 does so): transfers
 # and their settings, and listings.

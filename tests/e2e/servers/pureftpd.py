@@ -12,8 +12,8 @@ from ftptest import HOST
 from .base import SyslogDaemonServer
 from .dialect import Dialect
 
-PURE_FTPD = ftptest.SERVER_CACHE / "usr" / "sbin" / "pure-ftpd"
-PURE_PW = ftptest.SERVER_CACHE / "usr" / "bin" / "pure-pw"
+PURE_FTPD = ftptest.server_file("usr/sbin/pure-ftpd")
+PURE_PW = ftptest.server_file("usr/bin/pure-pw")
 
 _PURE_COMMAND = re.compile(r"\[DEBUG\] Command \[([^\]]*)\] \[(.*)\]$")
 
