@@ -38,6 +38,7 @@ import ftplib
 import os
 import posixpath
 import re
+import subprocess
 import time
 import urllib.parse
 
@@ -144,6 +145,27 @@ def record_server(server, record_property):
 _machine = []
 
 
+def commit():
+    """The commit of the checkout that the tests come from, "plus changes"
+    when its src/ or tests/ differ from it; "unknown" outside git. A copy
+    of the checkout without git (a Debian root) is told it by
+    $BRINDLE_COMMIT."""
+    if os.environ.get("BRINDLE_COMMIT"):
+        return os.environ["BRINDLE_COMMIT"]
+    here = os.path.dirname(os.path.abspath(__file__))
+    try:
+        head = subprocess.run(
+            ["git", "-C", here, "rev-parse", "--short=12", "HEAD"],
+            capture_output=True, text=True, check=True).stdout.strip()
+        changed = subprocess.run(
+            ["git", "-C", here, "status", "--porcelain", "--", "../../src",
+             "../../tests"],
+            capture_output=True, text=True, check=True).stdout.strip()
+    except (OSError, subprocess.CalledProcessError):
+        return "unknown"
+    return head + (" plus changes" if changed else "")
+
+
 def machine():
     """What the run ran on, one fact a line."""
     if not _machine:
@@ -159,6 +181,7 @@ def machine():
                 os.cpu_count()),
             "libcurl: %s (Debian package %s)" % (libcurl.VERSION_TEXT,
                                                   libcurl.package()),
+            "Commit: %s" % commit(),
         ]))
     return _machine[0]
 
