@@ -94,12 +94,14 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
 
   error_buffer_[0] = '\0';
   bool first_attempt = true;
+  CURLcode last_result = CURLE_OK;
   const CURLcode result = run_with_retries(
       settings_,
-      [this, &first_attempt] {
-        if (!first_attempt) prepare_retry();
+      [this, &first_attempt, &last_result] {
+        if (!first_attempt) prepare_retry(last_result);
         first_attempt = false;
-        return runner_.run(handle_.get(), error_buffer_);
+        last_result = runner_.run(handle_.get(), error_buffer_);
+        return last_result;
       },
       [this] {
         long response_code = 0;
@@ -121,15 +123,39 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
 // directory only when PWD named one; without it, the retry would resolve
 // the request's path against the directory the failed attempt left, so it
 // logs in anew, on a connection that is not kept.
-void FtpClient::prepare_retry() {
+//
+// An attempt that failed with one of the library's transient codes (the
+// connection failed, broke or timed out) may leave behind a connection that
+// the server has already closed: libcurl keeps the control connection in its
+// cache even when reading the server's reply on it failed. Before it reuses
+// a kept connection, libcurl 7.88 checks whether the server closed it;
+// libcurl 8.23 skips that check for a connection used less than about a
+// second ago, so a retry without a wait (the first one by default) would go
+// out on the dead connection and fail at once, without reaching the server.
+// Such a retry therefore starts without the kept connections.
+void FtpClient::prepare_retry(CURLcode failure) {
   const char* entry_path = nullptr;
-  if (curl_easy_getinfo(handle_.get(), CURLINFO_FTP_ENTRY_PATH, &entry_path) ==
+  const bool known_login_directory =
+      curl_easy_getinfo(handle_.get(), CURLINFO_FTP_ENTRY_PATH, &entry_path) ==
           CURLE_OK &&
       entry_path != nullptr &&
-      is_known_login_directory(std::string(entry_path)))
-    return;
+      is_known_login_directory(std::string(entry_path));
+  if (is_transient_code(failure)) drop_kept_connections();
+  if (known_login_directory) return;
   set_option(CURLOPT_FRESH_CONNECT, 1L);
   set_option(CURLOPT_FORBID_REUSE, 1L);
+}
+
+// Replaces the handle with a copy of it: the same options (callbacks, data
+// pointers, error buffer, everything the request set) without the library's
+// cache of open connections, which closes with the old handle. (On the wait
+// path through a multi handle, for libcurl before 8.4.0, the connections
+// belong to the multi handle and stay; those releases check them anyway.)
+void FtpClient::drop_kept_connections() {
+  CURL* copy = curl_easy_duphandle(handle_.get());
+  if (copy == nullptr)
+    throw torvane::TorvaneUtilException("Unable to get curl handle");
+  handle_.reset(copy);
 }
 
 // Reads the login directory that the library learnt from PWD: the reset

@@ -75,7 +75,8 @@ class FtpClient {
   };
 
   static void check_setup(CURLcode code);
-  void prepare_retry();
+  void prepare_retry(CURLcode failure);
+  void drop_kept_connections();
   void learn_login_directory(CURLcode result);
 
   FtpSettings settings_;

@@ -174,6 +174,23 @@ def test_a_retried_listing_keeps_what_the_failed_attempt_wrote(brindle,
     assert result.stdout == b"first\nfirst\nsecond\n"
 
 
+def test_the_first_retry_after_the_server_hung_up_logs_in_anew(brindle,
+                                                               scripted):
+    # Without "--retry-delay" the first retry follows at once. The server
+    # closed the connection of the failed attempt, so the retry must log in
+    # on a new one instead of sending its commands into the closed one.
+    scripted.make_dir("d")
+    scripted.script({
+        "nlst": {"/d": {"lines": ["first", "second"], "eol": "\n"}},
+        "drop": [{"command": "NLST", "after_bytes": 6, "times": 1}]})
+    result = list_run(brindle, scripted, "--retry", "1", path="/d/.")
+    assert (result.status, result.stdout, result.stderr) == (
+        0, b"first\nfirst\nsecond\n", b"")
+    assert [c for c, _ in scripted.commands() if c == "USER"] == [
+        "USER", "USER"]
+    assert len(connect_times(scripted)) == 2
+
+
 def test_a_450_listing_reads_as_an_empty_directory(brindle, scripted):
     # libcurl takes "450" to LIST or NLST for "no files", not for a failure,
     # so there is nothing to retry.
