@@ -88,8 +88,7 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
     // connection back to it, and would resolve this request's path against
     // whatever directory the last request left: log in anew, and close the
     // connection afterwards rather than keep one that cannot be used.
-    set_option(CURLOPT_FRESH_CONNECT, 1L);
-    set_option(CURLOPT_FORBID_REUSE, 1L);
+    use_unkept_connection();
   }
 
   error_buffer_[0] = '\0';
@@ -134,14 +133,14 @@ void FtpClient::perform(const std::filesystem::path& remote_path) {
 // out on the dead connection and fail at once, without reaching the server.
 // Such a retry therefore starts without the kept connections.
 void FtpClient::prepare_retry(CURLcode failure) {
-  const char* entry_path = nullptr;
-  const bool known_login_directory =
-      curl_easy_getinfo(handle_.get(), CURLINFO_FTP_ENTRY_PATH, &entry_path) ==
-          CURLE_OK &&
-      entry_path != nullptr &&
-      is_known_login_directory(std::string(entry_path));
+  // Read before the handle is replaced: a copy knows no entry path.
+  const bool known_login_directory = is_known_login_directory(entry_path());
   if (is_transient_code(failure)) drop_kept_connections();
-  if (known_login_directory) return;
+  if (!known_login_directory) use_unkept_connection();
+}
+
+// The next request logs in on a connection of its own, closed when it ends.
+void FtpClient::use_unkept_connection() {
   set_option(CURLOPT_FRESH_CONNECT, 1L);
   set_option(CURLOPT_FORBID_REUSE, 1L);
 }
@@ -158,15 +157,21 @@ void FtpClient::drop_kept_connections() {
   handle_.reset(copy);
 }
 
+// The library's answer to PWD after its last login, if it has one.
+std::optional<std::string> FtpClient::entry_path() const {
+  const char* path = nullptr;
+  if (curl_easy_getinfo(handle_.get(), CURLINFO_FTP_ENTRY_PATH, &path) !=
+          CURLE_OK ||
+      path == nullptr)
+    return std::nullopt;
+  return std::string(path);
+}
+
 // Reads the login directory that the library learnt from PWD: the reset
 // that follows a request forgets it.
 void FtpClient::learn_login_directory(CURLcode result) {
-  const char* entry_path = nullptr;
-  if (curl_easy_getinfo(handle_.get(), CURLINFO_FTP_ENTRY_PATH, &entry_path) ==
-          CURLE_OK &&
-      entry_path != nullptr) {
-    login_directory_ = entry_path;
-  }
+  if (std::optional<std::string> path = entry_path())
+    login_directory_ = std::move(path);
   // A connection that is closed when the request ends takes its entry path
   // with it, so an answer once given is kept; only a request that succeeded
   // has certainly logged in, so only it can tell that there is none.

@@ -76,7 +76,9 @@ class FtpClient {
 
   static void check_setup(CURLcode code);
   void prepare_retry(CURLcode failure);
+  void use_unkept_connection();
   void drop_kept_connections();
+  std::optional<std::string> entry_path() const;
   void learn_login_directory(CURLcode result);
 
   FtpSettings settings_;

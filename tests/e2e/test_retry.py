@@ -6,8 +6,6 @@ Waits are whole seconds slept by the client, so the bounds below leave
 generous room for a slow machine while still telling 0, 1 and 2 s apart.
 """
 
-import os
-import pathlib
 import re
 import time
 
@@ -162,12 +160,18 @@ def test_a_transient_reply_fails_when_the_retries_are_spent(brindle, scripted):
     assert entries_of_d(scripted) == 2
 
 
-def test_a_retried_listing_keeps_what_the_failed_attempt_wrote(brindle,
-                                                               scripted):
-    scripted.make_dir("d")
-    scripted.script({
+def drop_the_first_listing_of_d(server):
+    """"/d" names "first" and "second"; the server hangs up on the first
+    NLST of it after "first\n"."""
+    server.make_dir("d")
+    server.script({
         "nlst": {"/d": {"lines": ["first", "second"], "eol": "\n"}},
         "drop": [{"command": "NLST", "after_bytes": 6, "times": 1}]})
+
+
+def test_a_retried_listing_keeps_what_the_failed_attempt_wrote(brindle,
+                                                               scripted):
+    drop_the_first_listing_of_d(scripted)
     result = list_run(brindle, scripted, "--retry", "1", "--retry-delay", "0",
                       path="/d/.")
     assert result.status == 0, result
@@ -179,10 +183,7 @@ def test_the_first_retry_after_the_server_hung_up_logs_in_anew(brindle,
     # Without "--retry-delay" the first retry follows at once. The server
     # closed the connection of the failed attempt, so the retry must log in
     # on a new one instead of sending its commands into the closed one.
-    scripted.make_dir("d")
-    scripted.script({
-        "nlst": {"/d": {"lines": ["first", "second"], "eol": "\n"}},
-        "drop": [{"command": "NLST", "after_bytes": 6, "times": 1}]})
+    drop_the_first_listing_of_d(scripted)
     result = list_run(brindle, scripted, "--retry", "1", path="/d/.")
     assert (result.status, result.stdout, result.stderr) == (
         0, b"first\nfirst\nsecond\n", b"")
@@ -225,14 +226,13 @@ def test_a_retry_without_a_login_directory_logs_in_anew(brindle, scripted,
 
     result = brindle.run("--upload", *scripted.args(),
                          "--local-user", local_account.name,
-                         "--local-path",
-                         str(local), "--remote-path", ".", "--recursive",
+                         "--local-path", str(local), "--remote-path", ".",
+                         "--recursive",
                          "--retry", "1", "--retry-delay", "0", timeout=30)
 
     assert (result.status, result.stdout, result.stderr) == (0, b"", b"")
-    assert pathlib.Path(scripted.path("home/u/up/sub/b.bin")).read_bytes() == (
-        b"data")
-    assert not os.path.exists(scripted.path("home/u/up/up"))
+    assert scripted.path("home/u/up/sub/b.bin").read_bytes() == b"data"
+    assert not scripted.path("home/u/up/up").exists()
     assert [(c, a) for c, a in scripted.commands()
             if c in ("USER", "CWD", "MKD", "STOR")] == [
         ("USER", "tester"), ("CWD", "up"), ("MKD", "up"), ("CWD", "up"),

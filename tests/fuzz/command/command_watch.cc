@@ -33,6 +33,17 @@ void add_names(const std::string& line, std::set<std::string>& names) {
   }
 }
 
+// The names that each line of `text` may have meant.
+void add_lines(const std::string& text, std::set<std::string>& names) {
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    add_names(text.substr(start, end - start), names);
+    start = end + 1;
+  }
+}
+
 }  // namespace
 
 bool is_within(const std::string& path, const std::string& directory) {
@@ -59,16 +70,8 @@ void CommandWatch::listed(const std::string& directory, const std::string& body,
   // the client reads their bytes and this body as one text; the body alone
   // is counted too.
   std::string& unfinished = unfinished_listings_[directory];
-  for (const std::string& text : {body, unfinished + body}) {
-    std::size_t start = 0;
-    while (start < text.size()) {
-      std::size_t end = text.find('\n', start);
-      if (end == std::string::npos) end = text.size();
-      add_names(text.substr(start, end - start), names);
-      start = end + 1;
-    }
-    if (unfinished.empty()) break;
-  }
+  add_lines(body, names);
+  if (!unfinished.empty()) add_lines(unfinished + body, names);
   if (complete)
     unfinished.clear();
   else
