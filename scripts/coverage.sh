@@ -4,9 +4,11 @@
 # instrumentation (--coverage, -O0, without dpkg-buildflags' optimisation
 # and hardening) from scratch in build-coverage/, runs the whole CTest suite
 # (unit and end-to-end tests) once against that build, then has gcovr report
-# the line and branch coverage of src/. Writes docs/coverage.md (the
-# figures, a table per file, the command, machine, date and commit) and
-# fails when line coverage of src/ is below LINE_FLOOR.
+# the line and branch coverage of src/. Writes docs/coverage.md, or the
+# file that COVERAGE_OUTPUT names (docs/coverage-debian13.md for a run in a
+# Debian 13 root), with the figures, a table per file, the command,
+# machine, date and commit, and fails when line coverage of src/ is below
+# LINE_FLOOR.
 #
 # Branches that only exist for exception unwinding, and those GCC marks as
 # unreachable, are not counted (--exclude-throw-branches,
@@ -111,7 +113,7 @@ gcovr_args=(
 gcovr "${gcovr_args[@]}" \
   --json-summary-pretty --output build-coverage/coverage.json
 
-# The report: two lines here, and docs/coverage.md.
+# The report: two lines here, and docs/coverage.md or COVERAGE_OUTPUT.
 commit=$(git rev-parse --short=12 HEAD 2>/dev/null || echo unknown)
 if [ "$commit" != unknown ] && [ -n "$(git status --porcelain -- src tests 2>/dev/null)" ]; then
   commit="$commit (with uncommitted changes to src/ or tests/)"
@@ -121,7 +123,8 @@ machine+=" $(nproc) cores, $(g++ --version | head -n 1), $(gcovr --version | hea
 # The libcurl the tests ran against decides which paths of src/ftp run.
 machine+=", libcurl $(curl-config --version 2>/dev/null | sed 's/^libcurl //' || echo unknown)"
 date=$(date -u '+%Y-%m-%d %H:%M UTC')
-/usr/bin/python3 - build-coverage/coverage.json docs/coverage.md \
+/usr/bin/python3 - build-coverage/coverage.json \
+  "${COVERAGE_OUTPUT:-docs/coverage.md}" \
   "$LINE_FLOOR" "$commit" "$machine" "$date" "gcovr ${gcovr_args[*]}" \
   "bash scripts/coverage.sh${1:+ $1}" <<'EOF'
 import json

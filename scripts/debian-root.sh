@@ -43,7 +43,10 @@
 #                                         .png
 #
 # DEBIAN_ROOT_MIRROR overrides the mirror; DEBIAN_ROOT_STEPS (default "test
-# package reproducible bench") chooses what "check" runs. "bench" hands
+# package reproducible bench") chooses what "check" runs, from those four
+# and "coverage": scripts/coverage.sh --sanitize in the root, its report
+# copied out as docs/coverage-debian13.md (Debian 13) or
+# docs/coverage-RELEASE.md. "bench" hands
 # BENCH_SUITE, BENCH_RUNS, BENCH_WARMUP, BENCH_SCALE, BENCH_ONLY,
 # BENCH_ENTRIES and BENCH_TMPDIR (a directory in the root) on to
 # bench/run.sh. scripts/debian13.sh is this script for Debian 13.
@@ -231,6 +234,15 @@ check_root() {  # DIR
           ! ls build-deb/src/*.deb >/dev/null 2>&1 || reference=build-deb/src
           bash scripts/reproducible.sh $reference' && status=0 || status=$?
         ;;
+      coverage)
+        # The sanitizers' run of the whole suite with coverage, whose report
+        # comes back into this checkout's docs/.
+        echo "== $label: the whole suite under the sanitizers, with coverage"
+        run_inside "$dir" "COVERAGE_OUTPUT=$coverage_output bash scripts/coverage.sh --sanitize" &&
+          status=0 || status=$?
+        [ ! -f "$dir$inside/$coverage_output" ] ||
+          cp "$dir$inside/$coverage_output" "$coverage_output"
+        ;;
       bench)
         echo "== $label: benchmark harness, at 1% of the data and one round"
         # shellcheck disable=SC2016 # expanded inside the root
@@ -316,7 +328,11 @@ trap 'exit 143' TERM
 trap 'exit 130' INT
 
 default_bench_output=docs/benchmarks-$release.md
-[ "$release" != trixie ] || default_bench_output=docs/benchmarks-debian13.md
+coverage_output=docs/coverage-$release.md
+if [ "$release" = trixie ]; then
+  default_bench_output=docs/benchmarks-debian13.md
+  coverage_output=docs/coverage-debian13.md
+fi
 case ${1:-} in
   root)
     build_root "${2:?debian-root.sh RELEASE root DIR}"
