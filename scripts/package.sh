@@ -330,43 +330,49 @@ verify "bash-completion loads it on demand: '$registered'" \
 
 # --- autopkgtest -------------------------------------------------------------
 # BRINDLE_AUTOPKGTEST_TESTS names the tests of debian/tests/control to run
-# (all of them by default). Each FTP daemon has a test of its own, and
-# installing its daemon removes the one before (they conflict as
-# packages); the packages removed that way are installed again below.
+# (all of them by default; "none" runs none, for a machine that runs the
+# end-to-end tests from a build of their own anyway). Each FTP daemon has a
+# test of its own, and installing its daemon removes the one before (they
+# conflict as packages); the packages removed that way are installed again
+# below.
 tests=${BRINDLE_AUTOPKGTEST_TESTS:-$(sed -n \
   's/^Features: *test-name=\([^ ,]*\).*/\1/p' debian/tests/control)}
-step "autopkgtest: $(wc -w <<<"$tests") tests of the end-to-end tests against /usr/bin/brindle (null runner): $(paste -sd ' ' <<<"$tests")"
-autopkgtest_started=$SECONDS
-# The tests need the machine itself or a container (local accounts,
-# daemons, a mount namespace for Pure-FTPd) and change it (breaks-testbed):
-# the null runner declares neither (Debian 12's declares isolation-machine
-# only), and this machine (or the root of scripts/debian-root.sh) is there
-# for the checks.
-ignored=isolation-machine,isolation-container,breaks-testbed
-null=(--ignore-restrictions="$ignored" -- null)
-selected=()
-for name in $tests; do
-  selected+=(--test-name="$name")
-done
-# The daemons that the tests install are not started by their packages:
-# the tests start their own on loopback.
-made_policy=""
-if [ ! -e /usr/sbin/policy-rc.d ]; then
-  printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d
-  chmod 755 /usr/sbin/policy-rc.d
-  made_policy=1
+if [ "$tests" = none ]; then
+  step "autopkgtest: none run (BRINDLE_AUTOPKGTEST_TESTS=none)"
+else
+  step "autopkgtest: $(wc -w <<<"$tests") tests of the end-to-end tests against /usr/bin/brindle (null runner): $(paste -sd ' ' <<<"$tests")"
+  autopkgtest_started=$SECONDS
+  # The tests need the machine itself or a container (local accounts,
+  # daemons, a mount namespace for Pure-FTPd) and change it (breaks-testbed):
+  # the null runner declares neither (Debian 12's declares isolation-machine
+  # only), and this machine (or the root of scripts/debian-root.sh) is there
+  # for the checks.
+  ignored=isolation-machine,isolation-container,breaks-testbed
+  null=(--ignore-restrictions="$ignored" -- null)
+  selected=()
+  for name in $tests; do
+    selected+=(--test-name="$name")
+  done
+  # The daemons that the tests install are not started by their packages:
+  # the tests start their own on loopback.
+  made_policy=""
+  if [ ! -e /usr/sbin/policy-rc.d ]; then
+    printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d
+    chmod 755 /usr/sbin/policy-rc.d
+    made_policy=1
+  fi
+  autopkgtest --no-built-binaries --output-dir build-deb/autopkgtest \
+    --summary-file build-deb/autopkgtest.summary "${selected[@]}" \
+    "$deb" "build-deb/src/brindle_$version.dsc" "${null[@]}" \
+    >build-deb/autopkgtest.log 2>&1 && status=0 || status=$?
+  [ -z "$made_policy" ] || rm -f /usr/sbin/policy-rc.d
+  # Each test's pytest summary and why its tests of other servers skipped.
+  grep -E '^autopkgtest .*: test |^e2e: skipped|^FAILED |[0-9]+ passed|[0-9]+ failed' \
+    build-deb/autopkgtest.log | tail -n 60 || true
+  cat build-deb/autopkgtest.summary 2>/dev/null || true
+  verify "autopkgtest passed (status $status, $((SECONDS - autopkgtest_started)) s; log in build-deb/autopkgtest.log)" \
+    [ "$status" -eq 0 ]
 fi
-autopkgtest --no-built-binaries --output-dir build-deb/autopkgtest \
-  --summary-file build-deb/autopkgtest.summary "${selected[@]}" \
-  "$deb" "build-deb/src/brindle_$version.dsc" "${null[@]}" \
-  >build-deb/autopkgtest.log 2>&1 && status=0 || status=$?
-[ -z "$made_policy" ] || rm -f /usr/sbin/policy-rc.d
-# Each test's pytest summary and why its tests of other servers skipped.
-grep -E '^autopkgtest .*: test |^e2e: skipped|^FAILED |[0-9]+ passed|[0-9]+ failed' \
-  build-deb/autopkgtest.log | tail -n 60 || true
-cat build-deb/autopkgtest.summary 2>/dev/null || true
-verify "autopkgtest passed (status $status, $((SECONDS - autopkgtest_started)) s; log in build-deb/autopkgtest.log)" \
-  [ "$status" -eq 0 ]
 
 # --- Remove -----------------------------------------------------------------
 step "Purging the package"
